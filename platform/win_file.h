@@ -1,0 +1,44 @@
+// Wide-character and 64-bit file calls of the Windows runtime library under their own names.
+// On Windows: <stdio.h>, <io.h>, <direct.h>, <sys/stat.h>, <time.h>.
+//
+// As there, a backslash in a path separates as a slash does, and opening or removing a directory
+// as a file fails with EACCES.
+#ifndef PLATFORM_WIN_FILE_H
+#define PLATFORM_WIN_FILE_H
+
+#include <stdint.h>
+#include <stdio.h>
+#include <time.h>
+
+#include "platform/win_text.h"
+
+// fpos_t is a number on Windows; here it is opaque, so the two calls are replaced.
+typedef int64_t platform_fpos_t;
+int platform_fgetpos(FILE* file, platform_fpos_t* position);
+int platform_fsetpos(FILE* file, const platform_fpos_t* position);
+#define fpos_t platform_fpos_t
+#define fgetpos platform_fgetpos
+#define fsetpos platform_fsetpos
+
+typedef int64_t __time64_t;
+
+// A record and a function share the name, as on Windows; the macro touches calls only.
+struct _stat64i32 {
+    unsigned short st_mode;
+    int32_t st_size;
+};
+#define _S_IFDIR 0x4000
+
+FILE* _wfopen(const WCHAR* path, const WCHAR* mode);
+int _wremove(const WCHAR* path);
+int _wmkdir(const WCHAR* path);
+int _chsize(int descriptor, long size);
+int _access(const char* path, int mode);
+int _fileno(FILE* file);
+int platform_stat64i32(const char* path, struct _stat64i32* record);
+#define _stat64i32(path, record) platform_stat64i32(path, record)
+
+__time64_t _time64(__time64_t* output);
+struct tm* _gmtime64(const __time64_t* seconds);
+
+#endif

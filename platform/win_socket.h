@@ -1,0 +1,96 @@
+// Winsock under its own names. On Windows: <winsock2.h>, <ws2tcpip.h>, <objbase.h>.
+#ifndef PLATFORM_WIN_SOCKET_H
+#define PLATFORM_WIN_SOCKET_H
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <stdint.h>
+#include <sys/socket.h>
+
+#include "platform/win_text.h"
+
+typedef int SOCKET;
+#define INVALID_SOCKET ((SOCKET)-1)
+#define SOCKET_ERROR (-1)
+#define WSA_FLAG_OVERLAPPED 0x01
+#define WSAENOBUFS 10055
+#define MAX_PROTOCOL_CHAIN 7
+#define WSAPROTOCOL_LEN 255
+
+typedef struct {
+    uint32_t Data1;
+    uint16_t Data2;
+    uint16_t Data3;
+    uint8_t Data4[8];
+} GUID;
+
+typedef struct {
+    int ChainLen;
+    DWORD ChainEntries[MAX_PROTOCOL_CHAIN];
+} WSAPROTOCOLCHAIN;
+
+typedef struct {
+    DWORD dwServiceFlags1, dwServiceFlags2, dwServiceFlags3, dwServiceFlags4;
+    DWORD dwProviderFlags;
+    GUID ProviderId;
+    DWORD dwCatalogEntryId;
+    WSAPROTOCOLCHAIN ProtocolChain;
+    int iVersion;
+    int iAddressFamily;
+    int iMaxSockAddr;
+    int iMinSockAddr;
+    int iSocketType;
+    int iProtocol;
+    int iProtocolMaxOffset;
+    int iNetworkByteOrder;
+    int iSecurityScheme;
+    DWORD dwMessageSize;
+    DWORD dwProviderReserved;
+    WCHAR szProtocol[WSAPROTOCOL_LEN + 1];
+} WSAPROTOCOL_INFOW;
+
+typedef struct {
+    DWORD dwServiceFlags1, dwServiceFlags2, dwServiceFlags3, dwServiceFlags4;
+    DWORD dwProviderFlags;
+    GUID ProviderId;
+    DWORD dwCatalogEntryId;
+    WSAPROTOCOLCHAIN ProtocolChain;
+    int iVersion;
+    int iAddressFamily;
+    int iMaxSockAddr;
+    int iMinSockAddr;
+    int iSocketType;
+    int iProtocol;
+    int iProtocolMaxOffset;
+    int iNetworkByteOrder;
+    int iSecurityScheme;
+    DWORD dwMessageSize;
+    DWORD dwProviderReserved;
+    char szProtocol[WSAPROTOCOL_LEN + 1];
+} WSAPROTOCOL_INFOA;
+
+// Catalogue entries whose protocol is in the zero-terminated list `protocols` (null: all). Too
+// small a buffer: SOCKET_ERROR, WSAGetLastError() == WSAENOBUFS, *size set to the bytes needed.
+int WSAEnumProtocolsW(int* protocols, WSAPROTOCOL_INFOW* buffer, DWORD* size);
+int WSAEnumProtocolsA(int* protocols, WSAPROTOCOL_INFOA* buffer, DWORD* size);
+// As socket(); sockets are not inherited by child processes.
+SOCKET WSASocketW(int family, int type, int protocol, WSAPROTOCOL_INFOW* info, uint32_t group,
+                  DWORD flags);
+SOCKET platform_socket(int family, int type, int protocol);
+#define socket(family, type, protocol) platform_socket(family, type, protocol)
+int closesocket(SOCKET sock);
+int WSAGetLastError(void);
+// "{E70F1AA0-AB8B-11CF-8CA3-00805F48A192}"; characters written with the zero, 0 when too small.
+int StringFromGUID2(const GUID* guid, WCHAR* output, int size);
+
+// A write to a connection that the peer has closed must end in an error code, not in a signal that
+// kills the host. Called once on the thread that writes to sockets. Nothing to do on Windows.
+void platform_ignore_broken_pipe(void);
+
+// For tests: the catalogue that the enumeration shows from now on (not copied; null: the one base
+// TCP/IP entry of this machine), and what WSAGetLastError() an enumeration fails with (0: none).
+void platform_set_protocol_catalog(const WSAPROTOCOL_INFOW* entries, int count);
+void platform_fail_enum_protocols(int error);
+
+#endif

@@ -1,0 +1,725 @@
+// tavHTTPSetOption and tavHTTPQueryInfo: what the host puts into a session before it is sent, and
+// what it reads from it afterwards.
+//
+// Both are tables in the form of switches, one per group of ids. Neither takes a lock: options are
+// written before the session belongs to the library, results are read when no step runs.
+#include "tavhttpclient/httpoption.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "platform/win_text.h"
+#include "tavhttpclient/httpinit.h"
+#include "tavhttpclient/httprequest.h"
+#include "tavhttpclient/httpresponse.h"
+#include "tavhttpclient/httpsession.h"
+
+enum {
+    FORMATTED_VALUE_CAPACITY = 128,
+    RAW_HEADERS_CAPACITY = 512
+};
+
+// Returned by query 24 when the buffer is too small for all values; it has no name.
+static const uint32_t QUERY_BUFFER_TOO_SMALL = 0x20007;
+
+// ----------------------------------------------------------------------------- option record
+
+http_options* new_http_options(void) {
+    http_options* options = (http_options*)calloc(1, sizeof(http_options));
+    if (options == nullptr) {
+        return nullptr;
+    }
+    options->priority = TAV_HTTP_PRIORITY_NORMAL;
+    list_init(&options->header_list);
+    list_init(&options->form_list);
+    return options;
+}
+
+static void _free_header_entry(header_entry* entry) {
+    free(entry->name);
+    free(entry->value);
+    free(entry);
+}
+
+static void _free_lists(http_options* options) {
+    list_link* link = options->header_list.next;
+    while (link != &options->header_list) {
+        header_entry* entry = (header_entry*)link;
+        link = link->next;
+        _free_header_entry(entry);
+    }
+    link = options->form_list.next;
+    while (link != &options->form_list) {
+        upload_item* entry = (upload_item*)link;
+        link = link->next;
+        free_upload_item(entry);
+    }
+}
+
+void free_http_options(http_options* options) {
+    if (options == nullptr) {
+        return;
+    }
+    free(options->url);
+    free_proxy_info(options->proxy);
+    free(options->if_none_match);
+    free(options->accept);
+    free(options->user_agent);
+    free(options->host);
+    free(options->cache_control);
+    free(options->download_file);
+    free(options->tls_host_name);
+    free(options->upload_file);
+    text_buffer_release(&options->cookie);
+    text_buffer_release(&options->body);
+    _free_lists(options);
+    free(options);
+}
+
+// ----------------------------------------------------------------------------- small setters
+
+static bool _is_empty(const char* text) {
+    return text == nullptr || text[0] == '\0';
+}
+
+// For texts of which an empty one means the same as none.
+static void _replace_or_clear(char** field, const char* text) {
+    string_replace(field, _is_empty(text) ? nullptr : text);
+}
+
+static uint32_t _as_switch(uint32_t value) {
+    return value != 0 ? 1 : 0;
+}
+
+// A null format leaves an empty, terminated text: its storage marks a form field as such.
+static bool _format_value(text_buffer* value, const char* format, va_list arguments) {
+    return text_buffer_init(value, FORMATTED_VALUE_CAPACITY) &&
+           (format != nullptr ? text_buffer_append_vformat(value, format, arguments)
+                              : text_buffer_append_format(value, "%s", ""));
+}
+
+// The part of a path behind its last separator or drive colon.
+static const char* _base_name(const char* path) {
+    const char* base = path;
+    for (const char* p = path; *p != '\0'; p++) {
+        if (*p == '/' || *p == '\\' || *p == ':') {
+            base = p + 1;
+        }
+    }
+    return base;
+}
+
+// New entry with a copy of `name`; null without memory.
+static upload_item* _new_form_entry(const char* name) {
+    upload_item* item = (upload_item*)calloc(1, sizeof(upload_item));
+    if (item == nullptr) {
+        return nullptr;
+    }
+    list_init(&item->link);
+    item->name = string_dup(name);
+    if (item->name == nullptr) {
+        free(item);
+        return nullptr;
+    }
+    return item;
+}
+
+// Appends a complete entry; an incomplete one is dropped, so that no form goes out without a part.
+static uint32_t _finish_form_entry(http_options* options, upload_item* item, bool complete) {
+    if (!complete) {
+        free_upload_item(item);
+        return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+    }
+    list_append(&options->form_list, &item->link);
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+// ------------------------------------------------------------------------------ list options
+
+static uint32_t _add_header(http_options* options, va_list arguments) {
+    const char* name = va_arg(arguments, const char*);
+    const char* format = va_arg(arguments, const char*);
+    if (_is_empty(name)) {
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+
+    text_buffer value = {};
+    header_entry* entry = (header_entry*)calloc(1, sizeof(header_entry));
+    if (entry == nullptr || !_format_value(&value, format, arguments)) {
+        free(entry);
+        text_buffer_release(&value);
+        return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+    }
+    entry->name = string_dup(name);
+    entry->value = string_dup(value.data);
+    entry->enabled = 1;
+    text_buffer_release(&value);
+    if (entry->name == nullptr || entry->value == nullptr) {
+        _free_header_entry(entry);
+        return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+    }
+    list_append(&options->header_list, &entry->link);
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+static uint32_t _add_form_field(http_options* options, va_list arguments) {
+    const char* name = va_arg(arguments, const char*);
+    const char* format = va_arg(arguments, const char*);
+    if (_is_empty(name)) {
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+
+    upload_item* item = _new_form_entry(name);
+    bool complete = item != nullptr && _format_value(&item->form_value, format, arguments);
+    return _finish_form_entry(options, item, complete);
+}
+
+static uint32_t _add_form_file(http_options* options, va_list arguments) {
+    const char* name = va_arg(arguments, const char*);
+    const char* path = va_arg(arguments, const char*);
+    const char* announced = va_arg(arguments, const char*);
+    if (_is_empty(name)) {
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+
+    path = path != nullptr ? path : "";
+    upload_item* item = _new_form_entry(name);
+    bool complete = false;
+    if (item != nullptr) {
+        item->form_path = string_dup(path);
+        item->file_name = string_dup(_is_empty(announced) ? _base_name(path) : announced);
+        complete = item->form_path != nullptr && item->file_name != nullptr;
+    }
+    return _finish_form_entry(options, item, complete);
+}
+
+static uint32_t _add_form_data(http_options* options, va_list arguments) {
+    const char* name = va_arg(arguments, const char*);
+    const void* bytes = va_arg(arguments, const void*);
+    int32_t length = va_arg(arguments, int32_t);
+    const char* announced = va_arg(arguments, const char*);
+    if (_is_empty(name)) {
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+
+    uint32_t count = bytes != nullptr && length > 0 ? (uint32_t)length : 0;
+    upload_item* item = _new_form_entry(name);
+    bool complete = false;
+    if (item != nullptr) {
+        item->data_file_name = string_dup(announced != nullptr ? announced : "");
+        // Empty data has storage too: without it the entry would count as one without a value.
+        complete =
+            item->data_file_name != nullptr && text_buffer_init(&item->form_data, count + 1) &&
+            item->form_data.data != nullptr && text_buffer_append(&item->form_data, bytes, count);
+    }
+    return _finish_form_entry(options, item, complete);
+}
+
+static uint32_t _append_body(http_options* options, va_list arguments) {
+    const void* bytes = va_arg(arguments, const void*);
+    uint32_t count = va_arg(arguments, uint32_t);
+    return text_buffer_append(&options->body, bytes, count) ? TAV_HTTP_ERROR_CODE_OK
+                                                            : TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+}
+
+// Ids 190 to 195.
+static uint32_t _set_body_option(http_options* options, uint32_t option, va_list arguments) {
+    switch (option) {
+    case TAV_HTTP_OPTION_ADD_HEADER:
+        return _add_header(options, arguments);
+    case TAV_HTTP_OPTION_ADD_FORM_FIELD:
+        return _add_form_field(options, arguments);
+    case TAV_HTTP_OPTION_ADD_FORM_FILE:
+        return _add_form_file(options, arguments);
+    case TAV_HTTP_OPTION_APPEND_BODY:
+        return _append_body(options, arguments);
+    case TAV_HTTP_OPTION_UPLOAD_FILE:
+        string_replace(&options->upload_file, va_arg(arguments, const char*));
+        return TAV_HTTP_ERROR_CODE_OK;
+    case TAV_HTTP_OPTION_ADD_FORM_DATA:
+        return _add_form_data(options, arguments);
+    default:
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+}
+
+// ---------------------------------------------------------------------------- single options
+
+// Ids 1 to 5.
+static uint32_t _set_flow_option(http_options* options, uint32_t option, va_list arguments) {
+    switch (option) {
+    case TAV_HTTP_OPTION_NO_REDIRECT:
+        options->no_redirect = _as_switch(va_arg(arguments, uint32_t));
+        break;
+    case TAV_HTTP_OPTION_2:
+        options->option_2 = va_arg(arguments, uint32_t);
+        break;
+    case TAV_HTTP_OPTION_CONNECT_TIMEOUT:
+        options->connect_timeout = va_arg(arguments, int32_t);
+        break;
+    case TAV_HTTP_OPTION_IO_TIMEOUT:
+        options->io_timeout = va_arg(arguments, int32_t);
+        break;
+    case TAV_HTTP_OPTION_SESSION_TIMEOUT:
+        options->session_timeout = va_arg(arguments, int32_t);
+        break;
+    default:
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+static void _set_download_file(http_options* options, const char* path) {
+    _replace_or_clear(&options->download_file, path);
+    options->download_to_file = options->download_file != nullptr ? 1 : 0;
+}
+
+static uint32_t _set_cookie_text(http_options* options, const char* text) {
+    if (_is_empty(text)) {
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+    options->cookie.length = 0;
+    return text_buffer_append_format(&options->cookie, "%s", text)
+               ? TAV_HTTP_ERROR_CODE_OK
+               : TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+}
+
+static uint32_t _connection_mode(uint32_t value) {
+    return value == 1 || value == 2 ? value : 0;
+}
+
+// The ids from 101 to 117 whose value is a text.
+static uint32_t _set_head_text(http_options* options, uint32_t option, va_list arguments) {
+    const char* text = va_arg(arguments, const char*);
+    switch (option) {
+    case TAV_HTTP_OPTION_DOWNLOAD_FILE:
+        _set_download_file(options, text);
+        break;
+    case TAV_HTTP_OPTION_IF_NONE_MATCH:
+        _replace_or_clear(&options->if_none_match, text);
+        break;
+    case TAV_HTTP_OPTION_COOKIE:
+        return _set_cookie_text(options, text);
+    case TAV_HTTP_OPTION_ACCEPT:
+        string_replace(&options->accept, text);
+        break;
+    case TAV_HTTP_OPTION_USER_AGENT:
+        _replace_or_clear(&options->user_agent, text);
+        break;
+    case TAV_HTTP_OPTION_TLS_HOST_NAME:
+        _replace_or_clear(&options->tls_host_name, text);
+        break;
+    case TAV_HTTP_OPTION_HOST:
+        _replace_or_clear(&options->host, text);
+        break;
+    case TAV_HTTP_OPTION_CACHE_CONTROL:
+        _replace_or_clear(&options->cache_control, text);
+        break;
+    default:
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+// Ids 101 to 117.
+static uint32_t _set_head_option(http_options* options, uint32_t option, va_list arguments) {
+    switch (option) {
+    case TAV_HTTP_OPTION_DOWNLOAD_TO_FILE:
+        string_replace(&options->download_file, nullptr);
+        options->download_to_file = _as_switch(va_arg(arguments, uint32_t));
+        break;
+    case TAV_HTTP_OPTION_RANGE:
+        options->range_start = va_arg(arguments, int64_t);
+        options->range_end = va_arg(arguments, int64_t);
+        break;
+    case TAV_HTTP_OPTION_IF_MODIFIED_SINCE:
+        options->if_modified_since = va_arg(arguments, int64_t);
+        break;
+    case TAV_HTTP_OPTION_CONNECTION:
+        options->connection = _connection_mode(va_arg(arguments, uint32_t));
+        break;
+    case TAV_HTTP_OPTION_NO_COOKIE_STORE:
+        options->no_cookie_store = _as_switch(va_arg(arguments, uint32_t));
+        break;
+    case TAV_HTTP_OPTION_NO_COMPRESSION:
+        options->no_compression = _as_switch(va_arg(arguments, uint32_t));
+        break;
+    case TAV_HTTP_OPTION_RESUME:
+        options->resume = _as_switch(va_arg(arguments, uint32_t));
+        break;
+    case TAV_HTTP_OPTION_BODY_MD5:
+        options->body_md5 = _as_switch(va_arg(arguments, uint32_t));
+        break;
+    case TAV_HTTP_OPTION_KEEP_ERROR_BODY:
+        options->keep_error_body = _as_switch(va_arg(arguments, uint32_t));
+        break;
+    default:
+        return _set_head_text(options, option, arguments);
+    }
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+static int32_t _checked_priority(int32_t priority) {
+    bool known = priority == TAV_HTTP_PRIORITY_LOW || priority == TAV_HTTP_PRIORITY_NORMAL ||
+                 priority == TAV_HTTP_PRIORITY_HIGH;
+    return LOG_ASSERT_IN("tavHTTPSetOption", known) ? priority : TAV_HTTP_PRIORITY_NORMAL;
+}
+
+// Ids 201 to 207.
+static uint32_t _set_queue_option(http_options* options, uint32_t option, va_list arguments) {
+    switch (option) {
+    case TAV_HTTP_OPTION_PRIORITY:
+        options->priority = _checked_priority(va_arg(arguments, int32_t));
+        break;
+    case TAV_HTTP_OPTION_NO_REUSE:
+        options->no_reuse = va_arg(arguments, uint32_t);
+        break;
+    case TAV_HTTP_OPTION_PROXY:
+        free_proxy_info(options->proxy);
+        options->proxy = copy_proxy_info(va_arg(arguments, const proxy_info*));
+        break;
+    case TAV_HTTP_OPTION_QUEUE_FIFO:
+        options->queue_fifo = va_arg(arguments, uint32_t);
+        break;
+    case TAV_HTTP_OPTION_KEEP_ALIVE:
+        options->keep_connection = va_arg(arguments, uint32_t);
+        options->keep_alive_timeout = va_arg(arguments, int32_t);
+        options->keep_alive_max = va_arg(arguments, int32_t);
+        break;
+    case TAV_HTTP_OPTION_HIDE_URL:
+        options->hide_url = va_arg(arguments, uint32_t);
+        break;
+    case TAV_HTTP_OPTION_KEEP_UNDECODED_BODY:
+        // Hosts rely on the second value, so it is taken in every case.
+        options->keep_undecoded_body = va_arg(arguments, uint32_t);
+        options->no_cookie_store = _as_switch(va_arg(arguments, uint32_t));
+        break;
+    default:
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+// Ids 901 to 909.
+static uint32_t _set_callback(http_session* session, uint32_t option, va_list arguments) {
+    switch (option) {
+    case TAV_HTTP_OPTION_CONNECTING_CALLBACK:
+        session->connecting_cb = va_arg(arguments, connecting_callback);
+        break;
+    case TAV_HTTP_OPTION_CONNECTED_CALLBACK:
+        session->connected_cb = va_arg(arguments, connected_callback);
+        break;
+    case TAV_HTTP_OPTION_DOWNLOAD_START_CALLBACK:
+        session->download_start_cb = va_arg(arguments, download_start_callback);
+        break;
+    case TAV_HTTP_OPTION_REDIRECT_CALLBACK:
+        session->redirect_cb = va_arg(arguments, redirect_callback);
+        break;
+    case TAV_HTTP_OPTION_DOWNLOAD_DATA_CALLBACK:
+        session->download_data_cb = va_arg(arguments, download_data_callback);
+        break;
+    case TAV_HTTP_OPTION_COMPLETE_CALLBACK:
+        session->complete_cb = va_arg(arguments, complete_callback);
+        break;
+    case TAV_HTTP_OPTION_UPLOAD_PROGRESS_CALLBACK:
+        session->upload_progress_cb = va_arg(arguments, upload_progress_callback);
+        break;
+    case TAV_HTTP_OPTION_RESPONSE_HEADER_CALLBACK:
+        session->response_header_cb = va_arg(arguments, response_header_callback);
+        break;
+    default:
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+// The list is used up by exactly one group.
+static uint32_t _set_option(http_session* session, uint32_t option, va_list arguments) {
+    http_options* options = session->options;
+    if (option >= TAV_HTTP_OPTION_CONNECTING_CALLBACK) {
+        return _set_callback(session, option, arguments);
+    }
+    if (option >= TAV_HTTP_OPTION_PRIORITY) {
+        return _set_queue_option(options, option, arguments);
+    }
+    if (option >= TAV_HTTP_OPTION_ADD_HEADER) {
+        return _set_body_option(options, option, arguments);
+    }
+    if (option >= TAV_HTTP_OPTION_DOWNLOAD_FILE && option <= TAV_HTTP_OPTION_CACHE_CONTROL) {
+        return _set_head_option(options, option, arguments);
+    }
+    return _set_flow_option(options, option, arguments);
+}
+
+uint32_t tavHTTPSetOption(http_session* session, uint32_t option, ...) {
+    if (session == nullptr) {
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+    if (session->options == nullptr) {
+        session->options = new_http_options();
+        if (session->options == nullptr) {
+            return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+        }
+        session->options->session = session;
+    }
+
+    va_list arguments;
+    va_start(arguments, option);
+    uint32_t result = _set_option(session, option, arguments);
+    va_end(arguments);
+    return result;
+}
+
+// ----------------------------------------------------------------------- queries for headers
+
+// The next header line of that name behind `from`, ignoring case; null at the end.
+static response_header* _next_header(http_response* response, list_link* from, const char* name) {
+    for (list_link* link = from->next; link != response->header_list; link = link->next) {
+        response_header* header = (response_header*)link;
+        if (header->name != nullptr && _stricmp(header->name, name) == 0) {
+            return header;
+        }
+    }
+    return nullptr;
+}
+
+// Whatever the length says: a buffer that is given has room for the zero.
+static void _store_empty_text(char* buffer) {
+    if (buffer != nullptr) {
+        buffer[0] = '\0';
+    }
+}
+
+static uint32_t _header_not_found(int32_t* length) {
+    *length = 0;
+    return TAV_HTTP_ERROR_CODE_QUERY_INFO_NOT_AVAILABLE;
+}
+
+// Query 10. A buffer that is too small is no error here: the length tells.
+static uint32_t _query_raw_headers(http_response* response, char* buffer, int32_t* length) {
+    _store_empty_text(buffer);
+    if (length == nullptr) {
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+
+    text_buffer text = {};
+    bool ok = text_buffer_init(&text, RAW_HEADERS_CAPACITY);
+    list_link* head = response->header_list;
+    for (list_link* link = head != nullptr ? head->next : head; link != head; link = link->next) {
+        response_header* header = (response_header*)link;
+        ok = ok && text_buffer_append_format(&text, "%s : %s\r\n",
+                                             header->name != nullptr ? header->name : "",
+                                             header->value != nullptr ? header->value : "");
+    }
+    ok = ok && text_buffer_append_format(&text, "\r\n");
+    if (!ok) {
+        text_buffer_release(&text);
+        return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+    }
+
+    int32_t needed = text.length + 1;
+    if (buffer != nullptr && *length >= needed) {
+        memcpy(buffer, text.data, (size_t)needed);
+    }
+    *length = needed;
+    text_buffer_release(&text);
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+// Query 19.
+static uint32_t _query_header(http_response* response, const char* name, char* buffer,
+                              int32_t* length) {
+    _store_empty_text(buffer);
+    if (_is_empty(name) || length == nullptr) {
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+
+    response_header* header = nullptr;
+    if (response->header_list != nullptr) {
+        header = _next_header(response, response->header_list, name);
+    }
+    if (header == nullptr || header->value == nullptr) {
+        return _header_not_found(length);
+    }
+    int32_t needed = (int32_t)strlen(header->value) + 1;
+    if (buffer != nullptr && *length >= needed) {
+        memcpy(buffer, header->value, (size_t)needed);
+    }
+    *length = needed;
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+// Query 24. Values that do not fit are left out, but counted; a shorter one behind a value that did
+// not fit does not fit either, since the running total only grows.
+static uint32_t _query_header_all(http_response* response, const char* name, char* buffer,
+                                  int32_t* length) {
+    _store_empty_text(buffer);
+    if (_is_empty(name) || length == nullptr) {
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+
+    int32_t given = *length;
+    int32_t total = 0;
+    bool found = false;
+    list_link* link = response->header_list;
+    while (link != nullptr) {
+        response_header* header = _next_header(response, link, name);
+        if (header == nullptr) {
+            break;
+        }
+        found = true;
+        link = &header->link;
+        int32_t count = header->value != nullptr ? (int32_t)strlen(header->value) : 0;
+        if (count == 0) {
+            continue;
+        }
+        if (buffer != nullptr && total + count + 1 <= given) {
+            memcpy(buffer + total, header->value, (size_t)count + 1);
+        }
+        total += count + 1;
+    }
+    if (!found) {
+        return _header_not_found(length);
+    }
+    if (buffer != nullptr && total + 1 <= given) {
+        buffer[total] = '\0';
+    }
+    *length = total + 1;
+    return given < total + 1 ? QUERY_BUFFER_TOO_SMALL : (uint32_t)TAV_HTTP_ERROR_CODE_OK;
+}
+
+// ------------------------------------------------------------------------------ other queries
+
+static uint32_t _put_uint32(void* output, uint32_t value) {
+    if (output != nullptr) {
+        *(uint32_t*)output = value;
+    }
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+static uint32_t _put_int64(void* output, int64_t value) {
+    if (output != nullptr) {
+        *(int64_t*)output = value;
+    }
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+static uint32_t _put_uint64(void* output, uint64_t value) {
+    if (output != nullptr) {
+        *(uint64_t*)output = value;
+    }
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+static uint32_t _put_text(void* output, const char* value) {
+    if (output != nullptr) {
+        *(const char**)output = value;
+    }
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+static uint32_t _query_memory_body(http_response* response, void* out1, void* out2) {
+    if (out2 != nullptr) {
+        *(int32_t*)out2 = response->memory_body.length;
+    }
+    return _put_text(out1, response->memory_body.data);
+}
+
+static uint32_t _query_md5(http_response* response, void* output) {
+    if (output == nullptr) {
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+    memcpy(output, response->md5_digest, MD5_DIGEST_SIZE);
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+static uint32_t _query_response(http_response* response, uint32_t query, void* out1, void* out2,
+                                int32_t* length) {
+    switch (query) {
+    case TAV_HTTP_QUERY_STATUS_CODE:
+        return _put_uint32(out1, response->status_code);
+    case TAV_HTTP_QUERY_STATUS_TEXT:
+        return _put_text(out1, response->status_text);
+    case TAV_HTTP_QUERY_MEMORY_BODY:
+        return _query_memory_body(response, out1, out2);
+    case TAV_HTTP_QUERY_FILE_PATH:
+        return _put_text(out1, response->file_path);
+    case TAV_HTTP_QUERY_7:
+        return _put_int64(out1, response->unset_time);
+    case TAV_HTTP_QUERY_SET_COOKIE:
+        return _put_text(out1, response->set_cookie.data);
+    case TAV_HTTP_QUERY_RAW_HEADERS:
+        return _query_raw_headers(response, (char*)out1, (int32_t*)out2);
+    case TAV_HTTP_QUERY_CONTENT_LENGTH:
+        return _put_uint64(out1, response->content_length);
+    case TAV_HTTP_QUERY_RANGE_START:
+        return _put_int64(out1, response->range_start);
+    case TAV_HTTP_QUERY_RANGE_END:
+        return _put_int64(out1, response->range_end);
+    case TAV_HTTP_QUERY_RANGE_TOTAL:
+        return _put_int64(out1, response->range_total);
+    case TAV_HTTP_QUERY_LAST_MODIFIED:
+        return _put_int64(out1, response->last_modified);
+    case TAV_HTTP_QUERY_ETAG:
+        return _put_text(out1, response->etag);
+    case TAV_HTTP_QUERY_HEADER:
+        return _query_header(response, (const char*)out1, (char*)out2, length);
+    case TAV_HTTP_QUERY_BODY_BYTES:
+        return _put_uint64(out1, response->body_bytes);
+    case TAV_HTTP_QUERY_CONTENT_ENCODING:
+        return _put_uint32(out1, response->content_encoding);
+    case TAV_HTTP_QUERY_BODY_MD5:
+        return _query_md5(response, out1);
+    case TAV_HTTP_QUERY_HEADER_ALL:
+        return _query_header_all(response, (const char*)out1, (char*)out2, length);
+    default:
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+}
+
+// Ids 3, 4 and 12.
+static uint32_t _query_options(const http_options* options, uint32_t query, void* out1) {
+    if (options == nullptr) {
+        return TAV_HTTP_ERROR_CODE_QUERY_INFO_NOT_AVAILABLE;
+    }
+    if (query == TAV_HTTP_QUERY_URL) {
+        return _put_text(out1, options->url);
+    }
+    return _put_int64(out1, query == TAV_HTTP_QUERY_OPTION_RANGE_START ? options->range_start
+                                                                       : options->range_end);
+}
+
+static uint32_t _query_peer_address(const http_session* session, void* output) {
+    if (output == nullptr) {
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+    sockaddr_to_text((const struct sockaddr*)&session->peer_address, (char*)output);
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+uint32_t tavHTTPQueryInfo(http_session* session, uint32_t query, void* out1, void* out2,
+                          int32_t* length) {
+    if (session == nullptr || query < TAV_HTTP_QUERY_STATUS_CODE ||
+        query > TAV_HTTP_QUERY_HEADER_ALL || query == 9) {
+        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    }
+    switch (query) {
+    case TAV_HTTP_QUERY_OPTION_RANGE_START:
+    case TAV_HTTP_QUERY_OPTION_RANGE_END:
+    case TAV_HTTP_QUERY_URL:
+        return _query_options(session->options, query, out1);
+    case TAV_HTTP_QUERY_CURRENT_URL:
+        if (session->request == nullptr) {
+            return TAV_HTTP_ERROR_CODE_QUERY_INFO_NOT_AVAILABLE;
+        }
+        return _put_text(out1, session->request->url);
+    case TAV_HTTP_QUERY_PEER_ADDRESS:
+        return _query_peer_address(session, out1);
+    default:
+        break;
+    }
+    if (session->response == nullptr) {
+        return TAV_HTTP_ERROR_CODE_QUERY_INFO_NOT_AVAILABLE;
+    }
+    return _query_response(session->response, query, out1, out2, length);
+}

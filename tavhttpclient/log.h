@@ -1,0 +1,51 @@
+// Logging and assertions: every diagnostic line of the library, from any thread, goes to the one
+// callback that the host installed.
+#ifndef TAVHTTPCLIENT_LOG_H
+#define TAVHTTPCLIENT_LOG_H
+
+#include <stdint.h>
+
+#include "tavhttpclient/tavhttpclient.h"
+
+#define LOG_LEVEL_ERROR 1000
+#define LOG_LEVEL_INFO 2000
+#define LOG_LEVEL_DETAIL 3000
+
+#define LOG_TAG "tavhttp"
+
+#if defined(__GNUC__)
+#define LOG_PRINTF(format_index, first_argument)                                                   \
+    __attribute__((format(printf, format_index, first_argument)))
+#else
+#define LOG_PRINTF(format_index, first_argument)
+#endif
+
+// Formats one line and hands it to the host's log callback, if one is installed.
+//
+// level   1000 errors and failed assertions, 2000 information, 3000 detail; passed on unchanged.
+// tag     null reaches the callback as "".
+// line    source line of the call site; accepted and not used.
+// format  null counts as "".
+// Thread  any, several at once; the callback runs inside the call.
+void write_log(int32_t level, const char* tag, uint32_t line, const char* format, ...)
+    LOG_PRINTF(4, 5);
+
+// Stores the receiver of log lines; null turns logging off. Any thread.
+void set_log_callback(log_callback callback);
+
+// Logs "assert fail, ..." at level 1000; returns false. Call it through LOG_ASSERT.
+bool log_assert_fail(const char* file, const char* function, uint32_t line);
+
+#define LOG_ERROR(...) write_log(LOG_LEVEL_ERROR, LOG_TAG, __LINE__, __VA_ARGS__)
+#define LOG_INFO(...) write_log(LOG_LEVEL_INFO, LOG_TAG, __LINE__, __VA_ARGS__)
+#define LOG_DETAIL(...) write_log(LOG_LEVEL_DETAIL, LOG_TAG, __LINE__, __VA_ARGS__)
+
+// True when the condition holds; otherwise logs the failed assertion and is false. Never stops the
+// program and is never compiled out: the code behind it handles the bad case itself.
+#define LOG_ASSERT(condition) ((condition) ? true : log_assert_fail(__FILE__, __func__, __LINE__))
+
+// The same under another function's name, where the log has always used that name.
+#define LOG_ASSERT_IN(function, condition)                                                         \
+    ((condition) ? true : log_assert_fail(__FILE__, function, __LINE__))
+
+#endif

@@ -1,0 +1,501 @@
+// From the bytes of one response to the fields of http_response.
+//
+// parse_response_message -> http_parser_execute -> on_message_begin -> on_status
+//   -> on_header_field, on_header_value -> _flush_pending_header -> _handle_response_header
+//   -> on_headers_complete -> on_body -> on_message_complete
+//
+// One parser serves all chunks of a response, so a name, a value or a body piece may arrive cut at
+// any byte. Everything here runs on the worker thread of the parse work.
+#include "tavhttpclient/message_parser.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "platform/win_text.h"
+#include "tavhttpclient/cookiemgr.h"
+#include "tavhttpclient/httpsession.h"
+#include "tavhttpclient/log.h"
+
+// Values of response_parser.header_state.
+enum {
+    HEADER_IDLE = 0,
+    HEADER_NAME = 1,
+    HEADER_VALUE = 2
+};
+
+// Values of http_response.content_encoding.
+enum {
+    ENCODING_IDENTITY = 0,
+    ENCODING_GZIP = 1,
+    ENCODING_DEFLATE = 2
+};
+
+// Headers whose values are kept beside the list of all lines.
+enum {
+    HEADER_CONNECTION = 8,
+    HEADER_CONTENT_DISPOSITION = 10,
+    HEADER_CONTENT_ENCODING = 11,
+    HEADER_CONTENT_LENGTH = 14,
+    HEADER_CONTENT_RANGE = 17,
+    HEADER_TRANSFER_ENCODING = 18,
+    HEADER_CONTENT_TYPE = 19,
+    HEADER_ETAG = 24,
+    HEADER_LAST_MODIFIED = 31,
+    HEADER_LOCATION = 32,
+    HEADER_SERVER = 40,
+    HEADER_SET_COOKIE = 41,
+    HEADER_UNKNOWN = -1
+};
+
+struct known_header {
+    const char* name;
+    uint32_t length;
+    int32_t kind;
+};
+
+static const known_header known_response_headers[] = {
+    {"ETag", 4, HEADER_ETAG},
+    {"Server", 6, HEADER_SERVER},
+    {"Location", 8, HEADER_LOCATION},
+    {"Connection", 10, HEADER_CONNECTION},
+    {"Set-Cookie", 10, HEADER_SET_COOKIE},
+    {"Content-Type", 12, HEADER_CONTENT_TYPE},
+    {"Content-Range", 13, HEADER_CONTENT_RANGE},
+    {"Last-Modified", 13, HEADER_LAST_MODIFIED},
+    {"Content-Length", 14, HEADER_CONTENT_LENGTH},
+    {"Content-Encoding", 16, HEADER_CONTENT_ENCODING},
+    {"Transfer-Encoding", 17, HEADER_TRANSFER_ENCODING},
+    {"Content-Disposition", 19, HEADER_CONTENT_DISPOSITION},
+};
+
+static const char* _printable(const char* text) {
+    return text != nullptr ? text : "(null)";
+}
+
+static const char* _current_url(const http_response* response) {
+    const http_session* session = response->session;
+    return session != nullptr && session->request != nullptr ? session->request->url : nullptr;
+}
+
+// ------------------------------------------------------------------------ effects of one header
+
+static int32_t _find_known_header(const char* name) {
+    size_t length = strlen(name);
+    size_t count = sizeof(known_response_headers) / sizeof(known_response_headers[0]);
+    for (size_t i = 0; i < count; i++) {
+        const known_header* known = &known_response_headers[i];
+        if (known->length == length && _strnicmp(known->name, name, length) == 0) {
+            return known->kind;
+        }
+    }
+    return HEADER_UNKNOWN;
+}
+
+static void _free_header(response_header* header) {
+    free(header->name);
+    free(header->value);
+    free(header);
+}
+
+static void _append_header(http_response* response, const char* name, const char* value) {
+    if (response->header_list == nullptr || name[0] == 0) {
+        return;
+    }
+    response_header* header = (response_header*)calloc(1, sizeof(response_header));
+    if (header == nullptr) {
+        return;
+    }
+    header->name = string_dup(name);
+    header->value = string_dup(value);
+    if (header->name == nullptr || header->value == nullptr) {
+        _free_header(header);
+        return;
+    }
+    list_append(response->header_list, &header->link);
+}
+
+// For headers that should come once; the last one wins.
+static void _store_single_value(char** field, const char* value) {
+    LOG_ASSERT_IN("_handle_response_header", *field == nullptr);
+    string_replace(field, value);
+}
+
+static void _handle_content_encoding(http_response* response, const char* value) {
+    if (_stricmp(value, "gzip") == 0) {
+        response->content_encoding = ENCODING_GZIP;
+    } else if (_stricmp(value, "deflate") == 0) {
+        response->content_encoding = ENCODING_DEFLATE;
+    }
+}
+
+static void _handle_content_length(const response_parser* parser, http_response* response) {
+    // All bits set is the parser's way to say that it knows none.
+    uint64_t length = parser->parser.content_length;
+    response->content_length = length == UINT64_MAX ? 0 : length;
+}
+
+static uint32_t _handle_content_range(http_response* response, const char* value) {
+    int64_t first = 0;
+    int64_t last = 0;
+    int64_t complete = 0;
+    if (!parse_content_range(value, -1, &first, &last, &complete)) {
+        return 1;
+    }
+    response->range_start = first;
+    response->range_end = last;
+    response->range_total = complete;
+    return 0;
+}
+
+static void _handle_connection(http_response* response, const char* value) {
+    char* text = string_dup(value);
+    if (text == nullptr) {
+        return;
+    }
+    int32_t keep_alive = 0;
+    int32_t timeout = 0;
+    int32_t max = 0;
+    parse_connection_value(text, &keep_alive, &timeout, &max);
+    free(text);
+
+    response->connection_mode = keep_alive != 0 ? 1 : 2;
+    if (keep_alive != 0) {
+        response->keep_alive_timeout = timeout;
+        response->keep_alive_max = max;
+    }
+}
+
+static void _handle_last_modified(http_response* response, const char* value) {
+    int64_t time = 0;
+    bool parsed = parse_http_date(value, (int32_t)strlen(value), &time);
+    response->last_modified = parsed ? time : 0;
+}
+
+static void _handle_location(http_response* response, const char* value) {
+    const char* current = _current_url(response);
+    char* location = nullptr;
+    if (is_absolute_url(value)) {
+        location = string_dup(value);
+    } else if (strncmp(value, "//", 2) == 0) {
+        location = make_scheme_relative_url(current, value);
+    } else {
+        location = resolve_relative_url(current, value);
+    }
+    LOG_ASSERT_IN("_handle_response_header", response->location == nullptr);
+    free(response->location);
+    response->location = location;
+}
+
+static void _handle_set_cookie(http_response* response, const char* value) {
+    text_buffer* list = &response->set_cookie;
+    int32_t length = (int32_t)strlen(value);
+    // Room for all of it first: a list that lost its end could not be walked.
+    if (text_buffer_reserve(list, list->length + length + 2)) {
+        if (list->length > 0) {
+            text_buffer_set_length(list, list->length - 1);
+        }
+        text_buffer_append(list, value, (uint32_t)length);
+        text_buffer_append(list, "\0", 2);
+    }
+    const char* url = _current_url(response);
+    if (url != nullptr) {
+        set_cookie_by_http_header(url, value);
+    }
+}
+
+static void _handle_transfer_encoding(http_response* response, const char* value) {
+    string_replace(&response->transfer_encoding, value);
+    // Only the length counts: the framing is the parser's business.
+    response->chunked = strlen(value) == strlen("chunked") ? 1 : 0;
+}
+
+// 1 for a Content-Range that cannot be read, else 0.
+static uint32_t _handle_response_header(const response_parser* parser, http_response* response,
+                                        const char* name, const char* value) {
+    _append_header(response, name, value);
+    switch (_find_known_header(name)) {
+    case HEADER_CONNECTION:
+        _handle_connection(response, value);
+        break;
+    case HEADER_CONTENT_DISPOSITION:
+        _store_single_value(&response->content_disposition, value);
+        break;
+    case HEADER_CONTENT_ENCODING:
+        _handle_content_encoding(response, value);
+        break;
+    case HEADER_CONTENT_LENGTH:
+        _handle_content_length(parser, response);
+        break;
+    case HEADER_CONTENT_RANGE:
+        return _handle_content_range(response, value);
+    case HEADER_TRANSFER_ENCODING:
+        _handle_transfer_encoding(response, value);
+        break;
+    case HEADER_CONTENT_TYPE:
+        _store_single_value(&response->content_type, value);
+        break;
+    case HEADER_ETAG:
+        _store_single_value(&response->etag, value);
+        break;
+    case HEADER_LAST_MODIFIED:
+        _handle_last_modified(response, value);
+        break;
+    case HEADER_LOCATION:
+        _handle_location(response, value);
+        break;
+    case HEADER_SERVER:
+        string_replace(&response->server, value);
+        break;
+    case HEADER_SET_COOKIE:
+        _handle_set_cookie(response, value);
+        break;
+    default:
+        break;
+    }
+    return 0;
+}
+
+// ------------------------------------------------------------------- collecting names and values
+
+static void _drop_pending_header(response_parser* parser) {
+    free(parser->pending_name);
+    free(parser->pending_value);
+    parser->pending_name = nullptr;
+    parser->pending_value = nullptr;
+    parser->header_state = HEADER_IDLE;
+}
+
+static void _flush_pending_header(response_parser* parser, http_response* response) {
+    // Either is null only when memory ran out.
+    if (parser->pending_name != nullptr && parser->pending_value != nullptr) {
+        _handle_response_header(parser, response, parser->pending_name, parser->pending_value);
+    }
+    _drop_pending_header(parser);
+}
+
+static void _append_piece(char** text, const char* piece, size_t length) {
+    char* joined = string_format("%s%.*s", *text != nullptr ? *text : "", (int)length, piece);
+    free(*text);
+    *text = joined;
+}
+
+static void _log_invalid_state(const char* function, const response_parser* parser) {
+    LOG_INFO("%s, invalid state, name=%s, value=%s, state=%d", function,
+             _printable(parser->pending_name), _printable(parser->pending_value),
+             (int32_t)parser->header_state);
+}
+
+// -------------------------------------------------------------------------- callbacks of the
+// parser
+
+static http_response* _response_of(http_parser* state) {
+    return (http_response*)state->data;
+}
+
+static int on_nothing(http_parser* state) {
+    (void)state;
+    return 0;
+}
+
+static int on_nothing_data(http_parser* state, const char* piece, size_t length) {
+    (void)state;
+    (void)piece;
+    (void)length;
+    return 0;
+}
+
+static int on_message_begin(http_parser* state) {
+    http_response* response = _response_of(state);
+    response->recv_state = RECV_BEGUN;
+    if (response->header_list == nullptr) {
+        response->header_list = (list_link*)calloc(1, sizeof(list_link));
+        if (response->header_list != nullptr) {
+            list_init(response->header_list);
+        }
+    }
+    // The trailer of a message before this one may have left a header behind.
+    _drop_pending_header(response->parser);
+    return 0;
+}
+
+static int on_status(http_parser* state, const char* piece, size_t length) {
+    http_response* response = _response_of(state);
+    response->status_code = state->status_code;
+    free(response->status_text);
+    response->status_text = string_dup_n(piece, (int32_t)length);
+    return 0;
+}
+
+static void _begin_name(response_parser* parser, const char* piece, size_t length) {
+    _drop_pending_header(parser);
+    parser->header_state = HEADER_NAME;
+    parser->pending_name = string_dup_n(piece, (int32_t)length);
+}
+
+static int on_header_field(http_parser* state, const char* piece, size_t length) {
+    http_response* response = _response_of(state);
+    response_parser* parser = response->parser;
+    switch (parser->header_state) {
+    case HEADER_IDLE:
+        _begin_name(parser, piece, length);
+        break;
+    case HEADER_NAME:
+        _append_piece(&parser->pending_name, piece, length);
+        break;
+    case HEADER_VALUE:
+        _flush_pending_header(parser, response);
+        _begin_name(parser, piece, length);
+        break;
+    default:
+        _log_invalid_state("on_header_field", parser);
+        _drop_pending_header(parser);
+        break;
+    }
+    return 0;
+}
+
+static int on_header_value(http_parser* state, const char* piece, size_t length) {
+    response_parser* parser = _response_of(state)->parser;
+    switch (parser->header_state) {
+    case HEADER_IDLE:
+        _drop_pending_header(parser);
+        break;
+    case HEADER_NAME:
+        parser->header_state = HEADER_VALUE;
+        parser->pending_value = string_dup_n(piece, (int32_t)length);
+        break;
+    case HEADER_VALUE:
+        _append_piece(&parser->pending_value, piece, length);
+        break;
+    default:
+        _log_invalid_state("on_header_value", parser);
+        _drop_pending_header(parser);
+        break;
+    }
+    return 0;
+}
+
+static int on_headers_complete(http_parser* state) {
+    http_response* response = _response_of(state);
+    response_parser* parser = response->parser;
+    if (parser->header_state == HEADER_VALUE) {
+        _flush_pending_header(parser, response);
+    } else {
+        _log_invalid_state("on_headers_complete", parser);
+    }
+    _drop_pending_header(parser);
+    response->recv_state = RECV_HEADERS_DONE;
+    return 0;
+}
+
+static uint32_t _append_raw_body(http_response* response, const char* piece, uint32_t length) {
+    if (!text_buffer_append(&response->body_chunk, piece, length)) {
+        return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+    }
+    response->body_bytes += length;
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+static bool _keeps_undecoded_body(const http_response* response) {
+    const http_session* session = response->session;
+    return session != nullptr && session->options != nullptr &&
+           session->options->keep_undecoded_body != 0;
+}
+
+static uint32_t _append_decoded_body(http_response* response, const char* piece, uint32_t length) {
+    text_buffer* chunk = &response->body_chunk;
+    int32_t before = chunk->length;
+    bool decoded = response->content_encoding == ENCODING_GZIP
+                       ? decompress_gzip(&response->decoder, piece, length, chunk)
+                       : decompress_deflate(&response->decoder, piece, length, chunk);
+    if (decoded) {
+        response->body_bytes += (uint64_t)(chunk->length - before);
+        return TAV_HTTP_ERROR_CODE_OK;
+    }
+    // What a failing piece decoded to is in no count; the raw piece takes its place.
+    text_buffer_set_length(chunk, before);
+    if (_keeps_undecoded_body(response)) {
+        return _append_raw_body(response, piece, length);
+    }
+    return TAV_HTTP_ERROR_CODE_FAIL_DECODE_CONTENT;
+}
+
+// Anything but 0 stops the parser.
+static int on_body(http_parser* state, const char* piece, size_t length) {
+    http_response* response = _response_of(state);
+    response->recv_body_bytes += length;
+    switch (response->content_encoding) {
+    case ENCODING_IDENTITY:
+        return (int)_append_raw_body(response, piece, (uint32_t)length);
+    case ENCODING_GZIP:
+    case ENCODING_DEFLATE:
+        return (int)_append_decoded_body(response, piece, (uint32_t)length);
+    default:
+        return TAV_HTTP_ERROR_CODE_CONTENT_ENCODING_NOT_SUPPORT;
+    }
+}
+
+static int on_message_complete(http_parser* state) {
+    _response_of(state)->recv_state = RECV_COMPLETE;
+    return 0;
+}
+
+// ------------------------------------------------------------------------------------ entry points
+
+static void _fill_settings(http_parser_settings* settings) {
+    http_parser_settings_init(settings);
+    settings->on_message_begin = on_message_begin;
+    settings->on_url = on_nothing_data;
+    settings->on_status = on_status;
+    settings->on_header_field = on_header_field;
+    settings->on_header_value = on_header_value;
+    settings->on_headers_complete = on_headers_complete;
+    settings->on_body = on_body;
+    settings->on_message_complete = on_message_complete;
+    settings->on_chunk_header = on_nothing;
+    settings->on_chunk_complete = on_nothing;
+}
+
+// Up to the blank line; when the chunk ends before it, all but the last three bytes.
+static void _log_response_head(const char* data, uint32_t count) {
+    uint32_t length = 0;
+    while (length + 4 <= count && memcmp(data + length, "\r\n\r\n", 4) != 0) {
+        length++;
+    }
+    LOG_INFO("rsp-header: %.*s\n", (int)length, data);
+}
+
+static bool _start_parser(http_response* response, const char* data, uint32_t count) {
+    response->recv_state = RECV_NONE;
+    response->parser = (response_parser*)calloc(1, sizeof(response_parser));
+    if (response->parser == nullptr) {
+        return false;
+    }
+    http_parser_init(&response->parser->parser, HTTP_RESPONSE);
+    _log_response_head(data, count);
+    return true;
+}
+
+bool parse_response_message(http_response* response, const char* data, uint32_t count) {
+    if (response == nullptr || data == nullptr || count == 0) {
+        return false;
+    }
+    http_parser_settings settings;
+    _fill_settings(&settings);
+    if (response->parser == nullptr && !_start_parser(response, data, count)) {
+        return false;
+    }
+    http_parser* state = &response->parser->parser;
+    state->data = response;
+    size_t consumed = http_parser_execute(state, &settings, data, count);
+    // A body callback that refuses the last bytes of a chunk stops a parser that has used them all.
+    return consumed == count && HTTP_PARSER_ERRNO(state) == HPE_OK;
+}
+
+void free_response_parser(response_parser* parser) {
+    if (parser == nullptr) {
+        return;
+    }
+    _drop_pending_header(parser);
+    free(parser);
+}
