@@ -1,0 +1,118 @@
+#include "session_options.h"
+
+#include <algorithm>
+#include <cctype>
+
+static std::string lower_case(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return (char)tolower(c); });
+    return text;
+}
+
+// Lines that the library writes itself are replaced with its options; a line added beside them
+// would be sent twice.
+static void set_header(http_session* session, const text_pair& header) {
+    static const struct {
+        const char* name;
+        uint32_t option;
+    } own_lines[] = {{"accept", TAV_HTTP_OPTION_ACCEPT},
+                     {"cache-control", TAV_HTTP_OPTION_CACHE_CONTROL},
+                     {"cookie", TAV_HTTP_OPTION_COOKIE},
+                     {"host", TAV_HTTP_OPTION_HOST},
+                     {"if-none-match", TAV_HTTP_OPTION_IF_NONE_MATCH},
+                     {"user-agent", TAV_HTTP_OPTION_USER_AGENT}};
+    std::string name = lower_case(header.first);
+    for (const auto& line : own_lines) {
+        if (name == line.name) {
+            tavHTTPSetOption(session, line.option, header.second.c_str());
+            return;
+        }
+    }
+    if (name == "connection") {
+        uint32_t mode = lower_case(header.second) == "close" ? 2 : 1;
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_CONNECTION, mode);
+        return;
+    }
+    tavHTTPSetOption(session, TAV_HTTP_OPTION_ADD_HEADER, header.first.c_str(), "%s",
+                     header.second.c_str());
+}
+
+static void set_body(http_session* session, const arguments& args) {
+    for (const text_pair& field : args.form_fields) {
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_ADD_FORM_FIELD, field.first.c_str(), "%s",
+                         field.second.c_str());
+    }
+    for (const form_file& file : args.form_files) {
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_ADD_FORM_FILE, file.name.c_str(),
+                         file.path.c_str(), file.announced.c_str());
+    }
+    if (!args.body.empty()) {
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_APPEND_BODY, args.body.data(),
+                         (uint32_t)args.body.size());
+    }
+    if (!args.upload.empty()) {
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_UPLOAD_FILE, args.upload.c_str());
+    }
+}
+
+static void set_target(http_session* session, const arguments& args, const transfer_target& target,
+                       bool resuming) {
+    if (target.kind == TARGET_FILE) {
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_DOWNLOAD_FILE, target.path.c_str());
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_RESUME, (uint32_t)resuming);
+    } else if (target.kind == TARGET_AUTO_FILE) {
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_DOWNLOAD_TO_FILE, (uint32_t)1);
+    }
+    if (args.range) {
+        // 64-bit options read 64 bits: the values must have that type.
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_RANGE, (int64_t)args.range->first,
+                         (int64_t)args.range->last);
+    }
+}
+
+static void set_proxy(http_session* session, const proxy_address& address) {
+    // The library copies the record; it never writes to the texts.
+    proxy_info proxy{};
+    proxy.type = address.type;
+    proxy.host = (char*)address.host.c_str();
+    proxy.port = address.port;
+    if (!address.user_name.empty()) {
+        proxy.user_name = (char*)address.user_name.c_str();
+        proxy.password = (char*)address.password.c_str();
+    }
+    tavHTTPSetOption(session, TAV_HTTP_OPTION_PROXY, &proxy);
+}
+
+http_session* open_session(const arguments& args, const std::string& url,
+                           const transfer_target& target, bool resuming, void* user_data,
+                           complete_callback callback) {
+    uint32_t method = args.head       ? TAV_HTTP_METHOD_HEAD
+                      : is_post(args) ? TAV_HTTP_METHOD_POST
+                                      : TAV_HTTP_METHOD_GET;
+    http_session* session = tavHTTPOpen(method, url.c_str(), nullptr, user_data, callback);
+    if (session == nullptr) {
+        return nullptr;
+    }
+    tavHTTPSetOption(session, TAV_HTTP_OPTION_CONNECT_TIMEOUT, args.connect_timeout);
+    tavHTTPSetOption(session, TAV_HTTP_OPTION_IO_TIMEOUT, args.io_timeout);
+    tavHTTPSetOption(session, TAV_HTTP_OPTION_SESSION_TIMEOUT, args.session_timeout);
+    tavHTTPSetOption(session, TAV_HTTP_OPTION_PRIORITY, (int32_t)args.priority);
+    tavHTTPSetOption(session, TAV_HTTP_OPTION_QUEUE_FIFO, (uint32_t)1);
+    tavHTTPSetOption(session, TAV_HTTP_OPTION_NO_REDIRECT, (uint32_t)args.no_redirect);
+    tavHTTPSetOption(session, TAV_HTTP_OPTION_BODY_MD5, (uint32_t)args.md5);
+    if (!args.tls_name.empty()) {
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_TLS_HOST_NAME, args.tls_name.c_str());
+    }
+    if (!args.cookie.empty()) {
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_COOKIE, args.cookie.c_str());
+    }
+    if (args.proxy) {
+        set_proxy(session, *args.proxy);
+    }
+    for (const text_pair& header : args.headers) {
+        set_header(session, header);
+    }
+    set_target(session, args, target, resuming);
+    set_body(session, args);
+    return session;
+}
