@@ -6,13 +6,13 @@ UNITS = git ls-files -co --exclude-standard 'tavhttpclient/*.cpp' 'platform/*.cp
 
 demo:
 	scripts/install-deps demo
-	cmake --preset release
+	cmake --preset release -DTAV_HTTP_BUILD_TESTS=OFF
 	cmake --build --preset release --target tavfetch
 	scripts/demo build/release
 
 test:
 	scripts/install-deps test
-	cmake --preset release
+	cmake --preset release -DTAV_HTTP_BUILD_TESTS=ON
 	cmake --build --preset release
 	ctest --preset release
 
