@@ -26,6 +26,7 @@ struct pool_entry {
     http_connection* conn;
     uint64_t added_time;  // tick count
 };
+LIST_ENTRY_CHECK(pool_entry);
 
 // One per key; stays in the tree with an empty list.
 struct pool_node {

@@ -29,6 +29,7 @@ struct cookie_item {
     char* path;
     int64_t expires;  // seconds since 1970 UTC; 0: never
 };
+LIST_ENTRY_CHECK(cookie_item);
 
 struct cookie_domain {
     RB_ENTRY(cookie_domain) links;
@@ -49,6 +50,7 @@ struct cookie_pair {
     char* name;
     char* value;
 };
+LIST_ENTRY_CHECK(cookie_pair);
 
 // What one Set-Cookie value says about all of its cookies; null: not said.
 struct cookie_attributes {
@@ -472,27 +474,32 @@ static bool _is_name_listed(const list_link* names, const char* name) {
     return false;
 }
 
-static void _add_cookie_to_buffer(list_link* names, const char* text, text_buffer* buffer) {
+// False without memory.
+static bool _add_cookie_to_buffer(list_link* names, const char* text, text_buffer* buffer) {
     if (!LOG_ASSERT(names != nullptr && buffer != nullptr) || text == nullptr) {
-        return;
+        return true;
     }
     char* copy = string_dup(text);
     char* rest = copy;
-    for (char* token = copy != nullptr ? _next_token(&rest) : nullptr; token != nullptr;
+    bool ok = copy != nullptr;
+    for (char* token = ok ? _next_token(&rest) : nullptr; ok && token != nullptr;
          token = _next_token(&rest)) {
+        bool is_pair = strchr(token, '=') != nullptr;
         cookie_pair* pair = _parse_pair(token);
         if (pair == nullptr) {
+            ok = !is_pair;
             continue;
         }
         if (_is_empty(pair->name) || _is_name_listed(names, pair->name)) {
             _free_pair(pair);
             continue;
         }
-        text_buffer_append_format(buffer, buffer->length == 0 ? "%s=%s" : "; %s=%s", pair->name,
-                                  pair->value);
+        ok = text_buffer_append_format(buffer, buffer->length == 0 ? "%s=%s" : "; %s=%s",
+                                       pair->name, pair->value);
         list_append(names, &pair->link);
     }
     free(copy);
+    return ok;
 }
 
 char* merge_cookie_text(const char* first, const char* second) {
@@ -505,10 +512,10 @@ char* merge_cookie_text(const char* first, const char* second) {
     list_link names;
     list_init(&names);
     text_buffer_init(&buffer, MERGED_COOKIE_CAPACITY);
-    _add_cookie_to_buffer(&names, first, &buffer);
-    _add_cookie_to_buffer(&names, second, &buffer);
+    bool ok = _add_cookie_to_buffer(&names, first, &buffer) &&
+              _add_cookie_to_buffer(&names, second, &buffer) && text_buffer_append(&buffer, "", 1);
     _free_pairs(&names);
-    if (!text_buffer_append(&buffer, "", 1)) {
+    if (!ok) {
         text_buffer_release(&buffer);
         return nullptr;
     }

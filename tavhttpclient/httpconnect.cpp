@@ -217,7 +217,6 @@ static bool _take_proxy_result(http_connection* conn, const char* function, uint
         }
         free_proxy_info(conn->proxy);
         conn->proxy = nullptr;
-        LOG_INFO("%s, failed, result=%d", function, (int)status);
         return false;
     }
     if (!LOG_ASSERT_IN(function, conn->stream == nullptr)) {
@@ -250,6 +249,9 @@ static void _http_proxy_connect_result(uint32_t status, uv_tcp_t* tcp,
                                        http_connection* conn) {
     (void)address;
     (void)proxy;
+    if (status != TAV_HTTP_ERROR_CODE_OK && conn->closed == 0) {
+        LOG_INFO("_http_proxy_connect_result, failed, result=%d", (int)status);
+    }
     _on_proxy_result(conn, "_http_proxy_connect_result", status, tcp);
 }
 
@@ -259,6 +261,9 @@ static void _sock5_proxy_connect_result(uint32_t status, uv_tcp_t* tcp,
                                         http_connection* conn) {
     (void)address;
     (void)proxy;
+    if (status != TAV_HTTP_ERROR_CODE_OK && conn->closed == 0) {
+        LOG_INFO("_sock5_proxy_connect_result, failed, result=%d", (int)status);
+    }
     _on_proxy_result(conn, "_sock5_proxy_connect_result", status, tcp);
 }
 
@@ -285,17 +290,20 @@ static uint32_t _start_direct(http_connection* conn, int32_t budget) {
 
 // The proxy is asked for the URL's server for http as for https.
 static uint32_t _start_proxy(http_connection* conn, int32_t budget) {
-    const char* name = nullptr;
     uint32_t err = 0;
     http_connection_hold(conn);
     if (is_valid_http_proxy(conn->proxy)) {
-        name = "http_proxy_connect";
         err = http_proxy_connect(conn->host, conn->port, conn->proxy, conn, budget,
                                  _http_proxy_connect_result);
+        if (err != 0) {
+            LOG_ERROR("_on_async_start_connect, http_proxy_connect failed, err=%d.", (int)err);
+        }
     } else if (is_valid_sock5_proxy(conn->proxy)) {
-        name = "sock5_proxy_connect";
         err = sock5_proxy_connect(conn->host, conn->port, conn->proxy, conn, budget,
                                   _sock5_proxy_connect_result);
+        if (err != 0) {
+            LOG_ERROR("_on_async_start_connect, sock5_proxy_connect failed, err=%d.", (int)err);
+        }
     } else {
         http_connection_release(conn);
         LOG_INFO("_on_async_start_connect, invalid proxy info, proxy-type=%d.",
@@ -304,7 +312,6 @@ static uint32_t _start_proxy(http_connection* conn, int32_t budget) {
     }
     if (err != 0) {
         http_connection_release(conn);
-        LOG_ERROR("_on_async_start_connect, %s failed, err=%d.", name, (int)err);
     }
     return err;
 }

@@ -100,7 +100,9 @@ static uv_rwlock_t settings_lock;
 static global_settings* settings = nullptr;
 
 static void _init_settings_lock(void) {
-    uv_rwlock_init(&settings_lock);
+    while (uv_rwlock_init(&settings_lock) != 0) {
+        uv_sleep(1);  // Every export needs it, before a start too, and none can tell of its lack.
+    }
 }
 
 static uv_rwlock_t* _settings_lock(void) {
@@ -135,6 +137,10 @@ void uninit_global_settings(void) {
     }
 }
 
+static bool _is_copy_lost(const char* text, const char* copy) {
+    return text != nullptr && copy == nullptr;
+}
+
 proxy_info* copy_proxy_info(const proxy_info* proxy) {
     if (proxy == nullptr) {
         return nullptr;
@@ -149,6 +155,14 @@ proxy_info* copy_proxy_info(const proxy_info* proxy) {
     copy->user_name = string_dup(proxy->user_name);
     copy->password = string_dup(proxy->password);
     copy->extra = string_dup(proxy->extra);
+    // Half a proxy would connect elsewhere, or without its credentials.
+    if (_is_copy_lost(proxy->host, copy->host) ||
+        _is_copy_lost(proxy->user_name, copy->user_name) ||
+        _is_copy_lost(proxy->password, copy->password) ||
+        _is_copy_lost(proxy->extra, copy->extra)) {
+        free_proxy_info(copy);
+        return nullptr;
+    }
     return copy;
 }
 
@@ -167,24 +181,37 @@ uint32_t set_default_proxy(const proxy_info* proxy) {
     uv_rwlock_t* lock = _settings_lock();
     uv_rwlock_wrlock(lock);
     global_settings* record = settings;
+    uint32_t code = TAV_HTTP_ERROR_CODE_NOT_INITIALIZED;
     if (record != nullptr) {
         // Copied before the old one goes: the caller may hand in a record that shares its texts.
         proxy_info* copy = copy_proxy_info(proxy);
-        free_proxy_info(record->default_proxy);
-        record->default_proxy = copy;
+        code = TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+        if (proxy == nullptr || copy != nullptr) {
+            free_proxy_info(record->default_proxy);
+            record->default_proxy = copy;
+            code = TAV_HTTP_ERROR_CODE_OK;
+        }
     }
     uv_rwlock_wrunlock(lock);
-    return LOG_ASSERT(record != nullptr) ? TAV_HTTP_ERROR_CODE_OK
-                                         : TAV_HTTP_ERROR_CODE_NOT_INITIALIZED;
+    LOG_ASSERT(record != nullptr);
+    return code;
 }
 
-proxy_info* get_default_proxy_copy(void) {
+bool copy_default_proxy(proxy_info** copy) {
     uv_rwlock_t* lock = _settings_lock();
     uv_rwlock_rdlock(lock);
     global_settings* record = settings;
-    proxy_info* copy = record != nullptr ? copy_proxy_info(record->default_proxy) : nullptr;
+    const proxy_info* proxy = record != nullptr ? record->default_proxy : nullptr;
+    *copy = copy_proxy_info(proxy);
+    bool copied = proxy == nullptr || *copy != nullptr;
     uv_rwlock_rdunlock(lock);
-    LOG_ASSERT(record != nullptr);
+    LOG_ASSERT_IN("get_default_proxy_copy", record != nullptr);
+    return copied;
+}
+
+proxy_info* get_default_proxy_copy(void) {
+    proxy_info* copy = nullptr;
+    copy_default_proxy(&copy);
     return copy;
 }
 
@@ -205,30 +232,44 @@ static char* _normalised_directory(const char* directory) {
     return copy;
 }
 
-// With the settings locked for writing.
-static uint32_t _store_download_directory(global_settings* record, const char* directory) {
-    free(record->download_directory);
-    record->download_directory = nullptr;
-    if (directory == nullptr || directory[0] == '\0') {
-        return TAV_HTTP_ERROR_CODE_OK;
-    }
-    if (!tavhttp_mkdir(directory)) {
-        return TAV_HTTP_ERROR_CODE_FAIL_CREATE_DIRECTORY;
-    }
-    record->download_directory = _normalised_directory(directory);
-    return record->download_directory != nullptr ? TAV_HTTP_ERROR_CODE_OK
-                                                 : TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+static bool _is_started(void) {
+    uv_rwlock_t* lock = _settings_lock();
+    uv_rwlock_rdlock(lock);
+    bool started = settings != nullptr;
+    uv_rwlock_rdunlock(lock);
+    return started;
 }
 
-uint32_t set_custom_download_directory(const char* directory) {
+// Takes over `directory`, null included. False when the library has stopped meanwhile.
+static bool _store_download_directory(char* directory) {
     uv_rwlock_t* lock = _settings_lock();
     uv_rwlock_wrlock(lock);
     global_settings* record = settings;
-    uint32_t code = record != nullptr ? _store_download_directory(record, directory)
-                                      : (uint32_t)TAV_HTTP_ERROR_CODE_NOT_INITIALIZED;
+    char* old = directory;
+    if (record != nullptr) {
+        old = record->download_directory;
+        record->download_directory = directory;
+    }
     uv_rwlock_wrunlock(lock);
-    LOG_ASSERT(record != nullptr);
-    return code;
+    free(old);
+    return LOG_ASSERT_IN("set_custom_download_directory", record != nullptr);
+}
+
+uint32_t set_custom_download_directory(const char* directory) {
+    if (!LOG_ASSERT(_is_started())) {
+        return TAV_HTTP_ERROR_CODE_NOT_INITIALIZED;
+    }
+    char* copy = nullptr;
+    uint32_t code = TAV_HTTP_ERROR_CODE_OK;
+    if (directory != nullptr && directory[0] != '\0') {
+        // Without the lock: what this logs may bring the host back into the settings.
+        if (!tavhttp_mkdir(directory)) {
+            code = TAV_HTTP_ERROR_CODE_FAIL_CREATE_DIRECTORY;
+        } else if ((copy = _normalised_directory(directory)) == nullptr) {
+            code = TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+        }
+    }
+    return _store_download_directory(copy) ? code : (uint32_t)TAV_HTTP_ERROR_CODE_NOT_INITIALIZED;
 }
 
 char* get_custom_download_directory(void) {

@@ -22,12 +22,15 @@ const char* error_code_name(uint32_t code);
 bool init_global_settings(void);
 void uninit_global_settings(void);
 
-// Copies; null for null. The copy is freed with free_proxy_info (null is allowed).
+// Copies; null for null and without memory. The copy is freed with free_proxy_info (null is
+// allowed).
 proxy_info* copy_proxy_info(const proxy_info* proxy);
 void free_proxy_info(proxy_info* proxy);
 
 // A copy of the default proxy, or null. Any thread.
 proxy_info* get_default_proxy_copy(void);
+// The same in `*copy`. False: there is one, but no memory for its copy.
+bool copy_default_proxy(proxy_info** copy);
 // A copy of the download directory, or null. Any thread.
 char* get_custom_download_directory(void);
 // The switch of tavHTTPSetUseThirdLSP; false without settings. Any thread.

@@ -82,9 +82,15 @@ static bool _is_empty(const char* text) {
     return text == nullptr || text[0] == '\0';
 }
 
+static uint32_t _replace_text(char** field, const char* text) {
+    string_replace(field, text);
+    return text == nullptr || *field != nullptr ? TAV_HTTP_ERROR_CODE_OK
+                                                : TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+}
+
 // For texts of which an empty one means the same as none.
-static void _replace_or_clear(char** field, const char* text) {
-    string_replace(field, _is_empty(text) ? nullptr : text);
+static uint32_t _replace_or_clear(char** field, const char* text) {
+    return _replace_text(field, _is_empty(text) ? nullptr : text);
 }
 
 static uint32_t _as_switch(uint32_t value) {
@@ -234,8 +240,7 @@ static uint32_t _set_body_option(http_options* options, uint32_t option, va_list
     case TAV_HTTP_OPTION_APPEND_BODY:
         return _append_body(options, arguments);
     case TAV_HTTP_OPTION_UPLOAD_FILE:
-        string_replace(&options->upload_file, va_arg(arguments, const char*));
-        return TAV_HTTP_ERROR_CODE_OK;
+        return _replace_text(&options->upload_file, va_arg(arguments, const char*));
     case TAV_HTTP_OPTION_ADD_FORM_DATA:
         return _add_form_data(options, arguments);
     default:
@@ -269,9 +274,10 @@ static uint32_t _set_flow_option(http_options* options, uint32_t option, va_list
     return TAV_HTTP_ERROR_CODE_OK;
 }
 
-static void _set_download_file(http_options* options, const char* path) {
-    _replace_or_clear(&options->download_file, path);
+static uint32_t _set_download_file(http_options* options, const char* path) {
+    uint32_t result = _replace_or_clear(&options->download_file, path);
     options->download_to_file = options->download_file != nullptr ? 1 : 0;
+    return result;
 }
 
 static uint32_t _set_cookie_text(http_options* options, const char* text) {
@@ -293,32 +299,24 @@ static uint32_t _set_head_text(http_options* options, uint32_t option, va_list a
     const char* text = va_arg(arguments, const char*);
     switch (option) {
     case TAV_HTTP_OPTION_DOWNLOAD_FILE:
-        _set_download_file(options, text);
-        break;
+        return _set_download_file(options, text);
     case TAV_HTTP_OPTION_IF_NONE_MATCH:
-        _replace_or_clear(&options->if_none_match, text);
-        break;
+        return _replace_or_clear(&options->if_none_match, text);
     case TAV_HTTP_OPTION_COOKIE:
         return _set_cookie_text(options, text);
     case TAV_HTTP_OPTION_ACCEPT:
-        string_replace(&options->accept, text);
-        break;
+        return _replace_text(&options->accept, text);
     case TAV_HTTP_OPTION_USER_AGENT:
-        _replace_or_clear(&options->user_agent, text);
-        break;
+        return _replace_or_clear(&options->user_agent, text);
     case TAV_HTTP_OPTION_TLS_HOST_NAME:
-        _replace_or_clear(&options->tls_host_name, text);
-        break;
+        return _replace_or_clear(&options->tls_host_name, text);
     case TAV_HTTP_OPTION_HOST:
-        _replace_or_clear(&options->host, text);
-        break;
+        return _replace_or_clear(&options->host, text);
     case TAV_HTTP_OPTION_CACHE_CONTROL:
-        _replace_or_clear(&options->cache_control, text);
-        break;
+        return _replace_or_clear(&options->cache_control, text);
     default:
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
-    return TAV_HTTP_ERROR_CODE_OK;
 }
 
 // Ids 101 to 117.
@@ -365,6 +363,17 @@ static int32_t _checked_priority(int32_t priority) {
     return LOG_ASSERT_IN("tavHTTPSetOption", known) ? priority : TAV_HTTP_PRIORITY_NORMAL;
 }
 
+// Without memory the old proxy stays: a session must not go past the one it was given.
+static uint32_t _set_proxy(http_options* options, const proxy_info* proxy) {
+    proxy_info* copy = copy_proxy_info(proxy);
+    if (proxy != nullptr && copy == nullptr) {
+        return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+    }
+    free_proxy_info(options->proxy);
+    options->proxy = copy;
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
 // Ids 201 to 207.
 static uint32_t _set_queue_option(http_options* options, uint32_t option, va_list arguments) {
     switch (option) {
@@ -375,9 +384,7 @@ static uint32_t _set_queue_option(http_options* options, uint32_t option, va_lis
         options->no_reuse = va_arg(arguments, uint32_t);
         break;
     case TAV_HTTP_OPTION_PROXY:
-        free_proxy_info(options->proxy);
-        options->proxy = copy_proxy_info(va_arg(arguments, const proxy_info*));
-        break;
+        return _set_proxy(options, va_arg(arguments, const proxy_info*));
     case TAV_HTTP_OPTION_QUEUE_FIFO:
         options->queue_fifo = va_arg(arguments, uint32_t);
         break;

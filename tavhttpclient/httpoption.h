@@ -15,6 +15,7 @@ struct header_entry {
     char* value;
     uint32_t enabled;  // always 1
 };
+LIST_ENTRY_CHECK(header_entry);
 
 // Owned by its session. Written by the host's thread before the session is sent, read-only
 // afterwards, except no_reuse (loop thread). Texts are owned; null means not set.

@@ -112,8 +112,7 @@ static void _basic_auth_finish(basic_auth_ctx* auth, uint32_t code) {
 
 // ----------------------------------------------------------------------------------- the reply
 
-// Reads the status code; 0 and false when these bytes do not hold one.
-static bool _parse_proxy_status_code(const char* bytes, int32_t count, int32_t* output) {
+bool parse_proxy_status_code(const char* bytes, int32_t count, int32_t* output) {
     int32_t space = 0;
     *output = 0;
     while (space < count && bytes[space] != ' ') {
@@ -131,9 +130,9 @@ static bool _parse_proxy_status_code(const char* bytes, int32_t count, int32_t* 
     return true;
 }
 
-static uint32_t _judge_reply(const char* reply, int32_t count) {
+uint32_t judge_proxy_reply(const char* reply, int32_t count) {
     int32_t status_code = 0;
-    _parse_proxy_status_code(reply, count, &status_code);
+    parse_proxy_status_code(reply, count, &status_code);
     if (status_code == 200) {
         return 0;
     }
@@ -164,7 +163,7 @@ static void _on_recv_result(uv_stream_t* stream, ssize_t count, const uv_buf_t* 
         return;
     }
     auth->receive_buffer.length = (int32_t)count;
-    _basic_auth_finish(auth, _judge_reply(auth->receive_buffer.data, (int32_t)count));
+    _basic_auth_finish(auth, judge_proxy_reply(auth->receive_buffer.data, (int32_t)count));
 }
 
 // Loop thread. From _start_recv; next _basic_auth_finish.

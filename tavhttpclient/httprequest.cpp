@@ -191,7 +191,7 @@ static void _on_send_request_header_result(http_connection* conn, void* user, ui
         _notify_send_request_result(session, TAV_HTTP_ERROR_CODE_OK);
         break;
     default:
-        LOG_ASSERT(session->request->method <= TAV_HTTP_METHOD_OPTIONS);
+        LOG_ASSERT(false);
         LOG_INFO("_on_send_request_header_result, invalid http method, id=%u, method=%d", id,
                  (int)session->request->method);
         _notify_send_request_result(session, TAV_HTTP_ERROR_CODE_INVALID_ARG);

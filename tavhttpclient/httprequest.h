@@ -55,6 +55,7 @@ struct upload_item {
     char* form_path;         // host's entry: path of a file, may be ""
     text_buffer form_data;   // host's entry: bytes
 };
+LIST_ENTRY_CHECK(upload_item);
 
 // Frees an item with all it owns; null is allowed. An open file is closed asynchronously on the
 // loop thread, at once elsewhere.

@@ -172,7 +172,8 @@ static bool _add_cookies(const http_request* request, const http_options* option
         get_cookie(request->url, &stored);
     }
     char* merged = merge_cookie_text(own, stored);
-    bool ok = _is_empty(merged) || text_buffer_append_format(header, "Cookie: %s\r\n", merged);
+    bool ok = merged != nullptr &&
+              (merged[0] == '\0' || text_buffer_append_format(header, "Cookie: %s\r\n", merged));
     free(stored);
     free(merged);
     return ok;
@@ -426,7 +427,9 @@ static uint32_t _append_memory_item(http_request* request, uint32_t kind, const 
     }
     item->data = data;
     item->data_file_name = string_dup(announced);
-    return TAV_HTTP_ERROR_CODE_OK;
+    return announced == nullptr || item->data_file_name != nullptr
+               ? TAV_HTTP_ERROR_CODE_OK
+               : TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
 }
 
 // An empty path gives a part without content.
@@ -437,6 +440,9 @@ static uint32_t _append_file_item(http_request* request, uint32_t kind, const ch
         return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
     }
     item->file_name = string_dup(announced);
+    if (announced != nullptr && item->file_name == nullptr) {
+        return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+    }
     if (_is_empty(path)) {
         return TAV_HTTP_ERROR_CODE_OK;
     }

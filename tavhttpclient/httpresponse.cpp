@@ -434,6 +434,7 @@ static int _start_unlink(http_session* session, const char* path, uv_fs_cb callb
 static void _start_delete_temp_file(http_session* session) {
     const char* path = session->response->temp_path;
     if (_start_unlink(session, path, _on_delete_temp_file_result) < 0) {
+        tavhttp_remove(path);  // Rather here than never.
         _finish_recv_response(session);
     }
 }
@@ -456,7 +457,7 @@ static void _on_rename_file(uv_fs_t* req) {
 }
 
 // Loop thread. From _rename_response_file, whether or not there was an old file; next
-// _on_rename_file.
+// _on_rename_file, or _on_delete_temp_file_result when the move cannot begin.
 static void _on_delete_origin_file(uv_fs_t* req) {
     http_session* session = (http_session*)req->data;
     http_response* response = session->response;
@@ -470,7 +471,7 @@ static void _on_delete_origin_file(uv_fs_t* req) {
     if (ret < 0) {
         LOG_ERROR("_on_delete_origin_file, uv_fs_rename fail, id=%d, ret=%d", session->id, ret);
         response->result = TAV_HTTP_ERROR_CODE_FAIL_WRITE_RESPONSE_FILE;
-        _finish_recv_response(session);
+        _start_delete_temp_file(session);
     }
 }
 
@@ -491,6 +492,8 @@ static void _rename_response_file(http_session* session) {
             return;
         }
         response->result = TAV_HTTP_ERROR_CODE_FAIL_WRITE_RESPONSE_FILE;
+        _start_delete_temp_file(session);
+        return;
     }
     _finish_recv_response(session);
 }
@@ -512,8 +515,8 @@ static void _notify_recv_response_result(http_session* session, uint32_t err) {
     http_response* response = session->response;
     const http_options* options = session->options;
     response->result = err;
-    if (err == 0 && options->body_md5 != 0) {
-        finish_body_md5(response);
+    if (err == 0 && options->body_md5 != 0 && !finish_body_md5(response)) {
+        response->result = TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
     }
     if (response->recv_file_id != nullptr) {
         _close_left_file(session);

@@ -35,6 +35,7 @@ struct response_header {
     char* name;
     char* value;
 };
+LIST_ENTRY_CHECK(response_header);
 
 // One per attempt, owned by its session. Written by the parse and write work (worker threads) and
 // by the loop thread between them, never by two at a time.
@@ -104,7 +105,8 @@ bool is_body_wanted(http_session* session);
 //
 // Returns 0 or the code that ends the response; a file may then still be open.
 uint32_t write_response_body(http_session* session);
-// Stores the digest of the body handed over so far in md5_digest. Once per response.
-void finish_body_md5(http_response* response);
+// Stores the digest of the body handed over so far in md5_digest. Once per response. False: there
+// is none.
+bool finish_body_md5(http_response* response);
 
 #endif

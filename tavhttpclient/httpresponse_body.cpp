@@ -35,10 +35,9 @@ static bool _start_md5(http_response* response) {
     return context != nullptr;
 }
 
-void finish_body_md5(http_response* response) {
-    if (_start_md5(response)) {
-        EVP_DigestFinal_ex(response->md5_context, response->md5_digest, nullptr);
-    }
+bool finish_body_md5(http_response* response) {
+    return _start_md5(response) &&
+           EVP_DigestFinal_ex(response->md5_context, response->md5_digest, nullptr) == 1;
 }
 
 // ------------------------------------------------------------------------------ the target file
@@ -129,7 +128,13 @@ static uint32_t _open_target(http_session* session) {
     http_response* response = session->response;
     const char* path = response->temp_path;
     FILE* file = nullptr;
-    if (tavhttp_fopen(path, "r+b", &file) != 0 && tavhttp_fopen(path, "w+b", &file) != 0) {
+    // Only a file that is not there is made: "w+b" would empty one that merely could not be opened,
+    // and with it what a resumed download goes on from.
+    int32_t open_error = tavhttp_fopen(path, "r+b", &file);
+    if (open_error == ENOENT) {
+        open_error = tavhttp_fopen(path, "w+b", &file);
+    }
+    if (open_error != 0) {
         LOG_INFO("_init_download_target, uv_fs_open failed, id=%d, filepath=%s, err=%d, %s",
                  session->id, path, 0, strerror(0));
         return TAV_HTTP_ERROR_CODE_FAIL_OPEN_RESPONSE_FILE;
@@ -219,25 +224,28 @@ static bool _check_offsets(const http_session* session) {
     return false;
 }
 
-// The bytes that came since the last call are at the end of the waiting ones.
-static void _hand_over_new_bytes(http_session* session) {
+// The bytes that came since the last call are at the end of the waiting ones. False: no digest can
+// be made, and none must pass for the body's.
+static bool _hand_over_new_bytes(http_session* session) {
     http_response* response = session->response;
     const text_buffer* chunk = &response->body_chunk;
     uint64_t position = response->delivered_bytes;
     uint32_t count = (uint32_t)(response->body_bytes - position);
     response->delivered_bytes = response->body_bytes;
     if (count == 0) {
-        return;
+        return true;
     }
     const char* bytes = chunk->data + chunk->length - count;
-    if (session->options->body_md5 != 0 && _start_md5(response)) {
-        EVP_DigestUpdate(response->md5_context, bytes, count);
+    if (session->options->body_md5 != 0 &&
+        (!_start_md5(response) || EVP_DigestUpdate(response->md5_context, bytes, count) != 1)) {
+        return false;
     }
     if (session->download_data_cb != nullptr && is_body_wanted(session) &&
         session_may_call_host(session)) {
         position += (uint64_t)session->request->range_start;
         session->download_data_cb(session, session->user_data, position, bytes, count);
     }
+    return true;
 }
 
 // --------------------------------------------------------------------------- the file, the memory
@@ -324,6 +332,8 @@ uint32_t write_response_body(http_session* session) {
     if (!_check_offsets(session)) {
         return TAV_HTTP_ERROR_CODE_FAIL_OTHER;
     }
-    _hand_over_new_bytes(session);
+    if (!_hand_over_new_bytes(session)) {
+        return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
+    }
     return response->recv_file_id != nullptr ? _write_to_file(session) : _keep_in_memory(session);
 }

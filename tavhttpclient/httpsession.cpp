@@ -125,6 +125,15 @@ static void _on_async_free_session(void* session) {
 
 // --------------------------------------------------------------------------------------- exports
 
+// False without memory: the session must not go past its proxy.
+static bool _copy_proxy(http_options* options, const proxy_info* proxy) {
+    if (proxy == nullptr) {
+        return copy_default_proxy(&options->proxy);
+    }
+    options->proxy = copy_proxy_info(proxy);
+    return options->proxy != nullptr;
+}
+
 http_session* tavHTTPOpen(uint32_t method, const char* url, const proxy_info* proxy,
                           void* user_data, complete_callback callback) {
     if (callback == nullptr) {
@@ -145,7 +154,11 @@ http_session* tavHTTPOpen(uint32_t method, const char* url, const proxy_info* pr
     session->options->session = session;
     session->options->method = method;
     session->options->url = string_dup(url);
-    session->options->proxy = proxy != nullptr ? copy_proxy_info(proxy) : get_default_proxy_copy();
+    if (!_copy_proxy(session->options, proxy) ||
+        (url != nullptr && session->options->url == nullptr)) {
+        _release_session(session);
+        return nullptr;
+    }
     return session;
 }
 

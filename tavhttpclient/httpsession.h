@@ -40,6 +40,8 @@ struct alignas(2) session_flags {
     uint8_t cancel;
     uint8_t timed_out;  // set, together with cancel, by the session time-out only
 };
+static_assert(sizeof(session_flags) == 2 && std::atomic<session_flags>::is_always_lock_free,
+              "both flags are stored at once");
 
 // Bytes per second over the last seconds: bucket i serves the seconds that are i modulo 5.
 struct rate_bucket {

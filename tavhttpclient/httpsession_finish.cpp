@@ -341,7 +341,10 @@ static void _work_notify_redirect(uv_work_t* work) {
         return;
     }
     char* url = _make_redirect_url(session->request->url, session->response->location);
-    session->redirect_cb(session, session->user_data, url, session->request->url);
+    // Null without memory, or for a location that is no URL; the next step ends the session then.
+    if (url != nullptr) {
+        session->redirect_cb(session, session->user_data, url, session->request->url);
+    }
     free(url);
 }
 
@@ -428,9 +431,10 @@ static void _finish_range_not_satisfiable(http_session* session) {
         int32_t err = tavhttp_remove(options->download_file);
         if (err != 0) {
             // An errno number with libuv's text for it: the pair has always been logged like this.
+            char text[64];
             LOG_INFO("_on_recv_finish, HTTP_STATUS_REQUEST_RANGE_NOT_SATISFIABLE, uv_fs_unlink "
                      "fail, ret=%d, %s",
-                     err, uv_strerror(err));
+                     err, uv_strerror_r(err, text, sizeof(text)));
         }
     }
     _start_retry(session, TAV_HTTP_ERROR_CODE_SVR_RETURN_ERROR);

@@ -10,6 +10,10 @@ struct list_link {
     list_link* prev;
 };
 
+// Lists are walked by casting a link to its entry: the link must stay the entry's first member.
+#define LIST_ENTRY_CHECK(type)                                                                     \
+    static_assert(offsetof(type, link) == 0, #type " begins with its link")
+
 // Makes `link` an empty list, or an entry that is in no list.
 inline void list_init(list_link* link) {
     link->next = link;

@@ -16,12 +16,13 @@
 #include "tavhttpclient/taskmgr.h"
 #include "tavhttpclient/uvhelper.h"
 
-// A call that async_run deferred: one handle each.
+// A call that async_run deferred.
 struct async_call {
+    list_link link;
     void* argument;
-    uv_async_t async;
     loop_function function;
 };
+LIST_ENTRY_CHECK(async_call);
 
 // A call that async_run_safe queued.
 struct queued_call {
@@ -30,11 +31,13 @@ struct queued_call {
     loop_function function;
     loop_function on_drop;
 };
+LIST_ENTRY_CHECK(queued_call);
 
 // Lock order: loop_lock (read) before queue_mutex. The lock is made once and never destroyed, since
 // an export on a host thread may come at any moment of a stop.
 static uv_once_t loop_lock_once = UV_ONCE_INIT;
 static uv_rwlock_t loop_lock;
+static std::atomic<uint8_t> loop_lock_made(0);
 
 // The running loop. Cleared, under loop_lock, when the stop has ended the task manager.
 static std::atomic<event_loop*> current_loop(nullptr);
@@ -48,10 +51,17 @@ struct abandoned_loop {
     list_link link;
     uv_loop_t* loop;
 };
+LIST_ENTRY_CHECK(abandoned_loop);
 static list_link abandoned_loops = {&abandoned_loops, &abandoned_loops};
 
 static void _init_loop_lock(void) {
-    uv_rwlock_init(&loop_lock);
+    loop_lock_made = uv_rwlock_init(&loop_lock) == 0 ? 1 : 0;
+}
+
+// False: there is no lock, and so no loop.
+static bool _have_loop_lock(void) {
+    uv_once(&loop_lock_once, _init_loop_lock);
+    return loop_lock_made != 0;
 }
 
 static void _free_async_on_close(uv_handle_t* handle) {
@@ -81,7 +91,9 @@ bool is_loop_thread(void) {
     if (own_loop != nullptr) {
         return true;
     }
-    uv_once(&loop_lock_once, _init_loop_lock);
+    if (!_have_loop_lock()) {
+        return false;
+    }
     uv_rwlock_rdlock(&loop_lock);
     event_loop* loop = current_loop.load(std::memory_order_relaxed);
     bool own = loop != nullptr && _is_own_thread(loop);
@@ -89,15 +101,53 @@ bool is_loop_thread(void) {
     return own;
 }
 
-static void _free_async_call(uv_handle_t* handle) {
-    free(handle->data);
+static void _move_calls(list_link* from, list_link* to) {
+    while (list_link* entry = list_take_first(from)) {
+        list_append(to, entry);
+    }
 }
 
-// Loop thread. From async_run.
-static void _on_async_run(uv_async_t* async) {
-    async_call* call = (async_call*)async->data;
-    call->function(call->argument);
-    uv_close((uv_handle_t*)&call->async, _free_async_call);
+// Loop thread, before the poll. What is deferred from here on waits for the next turn.
+static void _on_calls_idle(uv_idle_t* idle) {
+    event_loop* loop = (event_loop*)idle->data;
+    _move_calls(&loop->deferred, &loop->due);
+}
+
+// Loop thread, behind the poll. From async_run, by way of _on_calls_idle.
+static void _on_calls_check(uv_check_t* check) {
+    event_loop* loop = (event_loop*)check->data;
+    while (list_link* entry = list_take_first(&loop->due)) {
+        async_call* call = (async_call*)entry;
+        loop_function function = call->function;
+        void* argument = call->argument;
+        free(call);
+        function(argument);
+    }
+    if (list_empty(&loop->deferred)) {
+        uv_idle_stop(&loop->idle);
+        uv_check_stop(&loop->check);
+    }
+}
+
+// Neither call can fail.
+static void _init_calls(event_loop* loop) {
+    list_init(&loop->deferred);
+    list_init(&loop->due);
+    uv_idle_init(loop->loop, &loop->idle);
+    uv_check_init(loop->loop, &loop->check);
+    loop->idle.data = loop;
+    loop->check.data = loop;
+}
+
+// Calls that are left belong to a loop that did not come to its end; nobody runs them any more.
+static void _close_calls(event_loop* loop) {
+    _move_calls(&loop->deferred, &loop->due);
+    while (list_link* entry = list_take_first(&loop->due)) {
+        free(entry);
+    }
+    uv_close((uv_handle_t*)&loop->idle, nullptr);
+    uv_close((uv_handle_t*)&loop->check, nullptr);
+    uv_run(loop->loop, UV_RUN_NOWAIT);
 }
 
 bool async_run(loop_function function, void* argument) {
@@ -112,17 +162,25 @@ bool async_run(loop_function function, void* argument) {
     }
     call->argument = argument;
     call->function = function;
-    if (uv_async_init(loop->loop, &call->async, _on_async_run) != 0) {
-        // The handle is not part of the loop: libuv must not be asked to close it.
-        free(call);
-        return false;
-    }
-    call->async.data = call;
-    if (uv_async_send(&call->async) != 0) {
-        uv_close((uv_handle_t*)&call->async, _free_async_call);
-        return false;
-    }
+    list_append(&loop->deferred, &call->link);
+    // Harmless on handles that are active already.
+    uv_idle_start(&loop->idle, _on_calls_idle);
+    uv_check_start(&loop->check, _on_calls_check);
     return true;
+}
+
+// Takes the call back; false when the loop thread has it already.
+static bool _unqueue_call(event_loop* loop, queued_call* call) {
+    bool queued = false;
+    uv_mutex_lock(&loop->queue_mutex);
+    for (list_link* link = loop->queue.next; link != &loop->queue && !queued; link = link->next) {
+        queued = link == &call->link;
+    }
+    if (queued) {
+        list_unlink(&call->link);
+    }
+    uv_mutex_unlock(&loop->queue_mutex);
+    return queued;
 }
 
 // Under loop_lock (read).
@@ -130,13 +188,8 @@ static bool _queue_call(event_loop* loop, queued_call* call) {
     uv_mutex_lock(&loop->queue_mutex);
     list_insert_front(&loop->queue, &call->link);
     uv_mutex_unlock(&loop->queue_mutex);
-    if (uv_async_send(loop->run_async) == 0) {
-        return true;
-    }
-    uv_mutex_lock(&loop->queue_mutex);
-    list_unlink(&call->link);
-    uv_mutex_unlock(&loop->queue_mutex);
-    return false;
+    // Without its own wake-up the call may still have been served by an earlier one.
+    return uv_async_send(loop->run_async) == 0 || !_unqueue_call(loop, call);
 }
 
 bool async_run_safe_or_drop(loop_function function, void* argument, loop_function on_drop) {
@@ -151,7 +204,7 @@ bool async_run_safe_or_drop(loop_function function, void* argument, loop_functio
     call->function = function;
     call->on_drop = on_drop;
 
-    uv_once(&loop_lock_once, _init_loop_lock);
+    // A loop that was there has its lock.
     uv_rwlock_rdlock(&loop_lock);
     event_loop* loop = current_loop.load(std::memory_order_relaxed);
     bool queued = loop != nullptr && _queue_call(loop, call);
@@ -289,16 +342,17 @@ static bool _init_loop(event_loop* loop) {
         return false;
     }
     loop->loop->data = nullptr;
+    _init_calls(loop);
     uv_async_t* stop_async = _new_async(loop, _on_async_stop_loop);
     loop->stop_async.store(stop_async, std::memory_order_relaxed);
     loop->run_async = _new_async(loop, _on_async_run_safe);
     list_init(&loop->queue);
-    return stop_async != nullptr && loop->run_async != nullptr &&
-           uv_mutex_init(&loop->queue_mutex) == 0;
+    loop->has_mutex = uv_mutex_init(&loop->queue_mutex) == 0 ? 1 : 0;
+    return stop_async != nullptr && loop->run_async != nullptr && loop->has_mutex != 0;
 }
 
-// What a failed start leaves open; a stop has closed both.
-static void _close_left_asyncs(event_loop* loop) {
+// What a failed start leaves; a stop has released all of it.
+static void _release_failed_start(event_loop* loop) {
     uv_async_t* stop_async = loop->stop_async.exchange(nullptr, std::memory_order_relaxed);
     if (stop_async != nullptr) {
         uv_close((uv_handle_t*)stop_async, _free_async_on_close);
@@ -306,6 +360,9 @@ static void _close_left_asyncs(event_loop* loop) {
     if (loop->run_async != nullptr) {
         uv_close((uv_handle_t*)loop->run_async, _free_async_on_close);
         loop->run_async = nullptr;
+    }
+    if (loop->start_failed != 0 && loop->has_mutex != 0) {
+        uv_mutex_destroy(&loop->queue_mutex);
     }
 }
 
@@ -329,12 +386,12 @@ enum {
 // Loop thread, after uv_run has been stopped. Ends the sessions that run without the task manager
 // (sent while it stopped) and closes whatever is still open: idle connections, connections of
 // sessions that the host has not closed. Only lookups that hang in the system are left behind.
-static void _drain_loop(uv_loop_t* loop) {
+static void _drain_loop(event_loop* record) {
+    uv_loop_t* loop = record->loop;
     cancel_sessions_in_flight();
     while (count_sessions_in_flight() > 0) {
         uv_run(loop, UV_RUN_ONCE);
     }
-    release_connection_pool();
     http_connect_close_all();
     int32_t hung_lookups = uv_connect_abandon_lookups();
     for (int32_t turn = 0; uv_loop_alive(loop) != 0 && turn < ABANDON_TURNS; turn++) {
@@ -347,6 +404,7 @@ static void _drain_loop(uv_loop_t* loop) {
         hung_lookups = uv_connect_abandon_lookups();
         uv_sleep(1);
     }
+    _close_calls(record);
     LOG_ASSERT(_open_handles(loop) == 0);
 }
 
@@ -366,8 +424,8 @@ static void loop_thread(void* argument) {
         result = uv_run(loop->loop, UV_RUN_DEFAULT);
     }
     if (loop->loop != nullptr) {
-        _close_left_asyncs(loop);
-        _drain_loop(loop->loop);
+        _release_failed_start(loop);
+        _drain_loop(loop);
     }
     _uninit_loop_modules();
     LOG_INFO("loop_thread, thread exits, ret=%d.", result);
@@ -432,7 +490,13 @@ static bool _run_loop(event_loop* loop) {
 }
 
 bool run_event_loop(void) {
-    uv_once(&loop_lock_once, _init_loop_lock);
+    if (!_have_loop_lock()) {
+        _init_loop_lock();  // Once more: starts never run two at a time.
+    }
+    if (!_have_loop_lock()) {
+        LOG_INFO("run_event_loop, _run_loop failed.");
+        return false;
+    }
     _reap_abandoned_loops();
     if (current_loop.load(std::memory_order_acquire) != nullptr) {
         return true;
@@ -457,7 +521,9 @@ static void _stop_loop_thread(void) {
     }
     loop->stopping = 1;
     // The loop thread clears the field as soon as it is awake.
-    uv_async_send(loop->stop_async.load(std::memory_order_relaxed));
+    while (uv_async_send(loop->stop_async.load(std::memory_order_relaxed)) != 0) {
+        uv_sleep(1);  // Unheard, the stop would be waited for without end.
+    }
     uv_thread_join(&loop->thread);
     _delete_loop(loop->loop);
     free(loop);

@@ -32,7 +32,12 @@ struct event_loop {
     std::atomic<uv_async_t*> stop_async;  // wakes the loop for the stop; null once that has begun
     uv_async_t* run_async;                // wakes the loop to run `queue`
     uv_mutex_t queue_mutex;
-    list_link queue;  // queued_call entries, newest at the front
+    uint8_t has_mutex;   // queue_mutex was made
+    list_link queue;     // queued_call entries, newest at the front
+    list_link deferred;  // async_call entries made since the turn's poll began; loop thread only
+    list_link due;       // async_call entries to run behind the turn's poll
+    uv_idle_t idle;      // both active while calls wait: a poll with nothing to report returns
+    uv_check_t check;
     uint8_t stopping;
     uint8_t start_failed;  // the loop thread could not set itself up and has ended
     stop_context stop;     // part of the record, so that a stop cannot fail for want of memory

@@ -30,6 +30,11 @@ enum {
     ENCODING_DEFLATE = 2
 };
 
+// A callback's result that ends the parse; 1 has another meaning behind the head.
+enum {
+    STOP_PARSER = -1
+};
+
 // Headers whose values are kept beside the list of all lines.
 enum {
     HEADER_CONNECTION = 8,
@@ -91,27 +96,22 @@ static int32_t _find_known_header(const char* name) {
     return HEADER_UNKNOWN;
 }
 
-static void _free_header(response_header* header) {
-    free(header->name);
-    free(header->value);
-    free(header);
-}
-
-static void _append_header(http_response* response, const char* name, const char* value) {
-    if (response->header_list == nullptr || name[0] == 0) {
-        return;
+// Hands the pending texts over to the list; they stay valid as long as the response does. False
+// without memory: a head that lost a line must not pass as whole.
+static bool _append_header(response_parser* parser, http_response* response) {
+    if (response->header_list == nullptr || parser->pending_name[0] == 0) {
+        return true;
     }
     response_header* header = (response_header*)calloc(1, sizeof(response_header));
     if (header == nullptr) {
-        return;
+        return false;
     }
-    header->name = string_dup(name);
-    header->value = string_dup(value);
-    if (header->name == nullptr || header->value == nullptr) {
-        _free_header(header);
-        return;
-    }
+    header->name = parser->pending_name;
+    header->value = parser->pending_value;
+    parser->pending_name = nullptr;
+    parser->pending_value = nullptr;
     list_append(response->header_list, &header->link);
+    return true;
 }
 
 // For headers that should come once; the last one wins.
@@ -212,7 +212,6 @@ static void _handle_transfer_encoding(http_response* response, const char* value
 // 1 for a Content-Range that cannot be read, else 0.
 static uint32_t _handle_response_header(const response_parser* parser, http_response* response,
                                         const char* name, const char* value) {
-    _append_header(response, name, value);
     switch (_find_known_header(name)) {
     case HEADER_CONNECTION:
         _handle_connection(response, value);
@@ -265,24 +264,30 @@ static void _drop_pending_header(response_parser* parser) {
     parser->header_state = HEADER_IDLE;
 }
 
-static void _flush_pending_header(response_parser* parser, http_response* response) {
-    // Either is null only when memory ran out.
-    if (parser->pending_name != nullptr && parser->pending_value != nullptr) {
-        _handle_response_header(parser, response, parser->pending_name, parser->pending_value);
+// False without memory.
+static bool _flush_pending_header(response_parser* parser, http_response* response) {
+    const char* name = parser->pending_name;
+    const char* value = parser->pending_value;
+    bool ok = name != nullptr && value != nullptr && _append_header(parser, response);
+    if (ok) {
+        _handle_response_header(parser, response, name, value);
     }
     _drop_pending_header(parser);
+    return ok;
 }
 
-static void _append_piece(char** text, const char* piece, size_t length) {
+// These two return what the parser's callbacks return: anything but 0 ends the parse, which is what
+// must happen when memory for a piece of the head is missing.
+static int _begin_piece(char** text, const char* piece, size_t length) {
+    *text = string_dup_n(piece, (int32_t)length);
+    return *text != nullptr ? 0 : STOP_PARSER;
+}
+
+static int _append_piece(char** text, const char* piece, size_t length) {
     char* joined = string_format("%s%.*s", *text != nullptr ? *text : "", (int)length, piece);
     free(*text);
     *text = joined;
-}
-
-static void _log_invalid_state(const char* function, const response_parser* parser) {
-    LOG_INFO("%s, invalid state, name=%s, value=%s, state=%d", function,
-             _printable(parser->pending_name), _printable(parser->pending_value),
-             (int32_t)parser->header_state);
+    return joined != nullptr ? 0 : STOP_PARSER;
 }
 
 // -------------------------------------------------------------------------- callbacks of the
@@ -313,6 +318,9 @@ static int on_message_begin(http_parser* state) {
             list_init(response->header_list);
         }
     }
+    if (response->header_list == nullptr) {
+        return STOP_PARSER;
+    }
     // The trailer of a message before this one may have left a header behind.
     _drop_pending_header(response->parser);
     return 0;
@@ -322,14 +330,13 @@ static int on_status(http_parser* state, const char* piece, size_t length) {
     http_response* response = _response_of(state);
     response->status_code = state->status_code;
     free(response->status_text);
-    response->status_text = string_dup_n(piece, (int32_t)length);
-    return 0;
+    return _begin_piece(&response->status_text, piece, length);
 }
 
-static void _begin_name(response_parser* parser, const char* piece, size_t length) {
+static int _begin_name(response_parser* parser, const char* piece, size_t length) {
     _drop_pending_header(parser);
     parser->header_state = HEADER_NAME;
-    parser->pending_name = string_dup_n(piece, (int32_t)length);
+    return _begin_piece(&parser->pending_name, piece, length);
 }
 
 static int on_header_field(http_parser* state, const char* piece, size_t length) {
@@ -337,17 +344,16 @@ static int on_header_field(http_parser* state, const char* piece, size_t length)
     response_parser* parser = response->parser;
     switch (parser->header_state) {
     case HEADER_IDLE:
-        _begin_name(parser, piece, length);
-        break;
+        return _begin_name(parser, piece, length);
     case HEADER_NAME:
-        _append_piece(&parser->pending_name, piece, length);
-        break;
+        return _append_piece(&parser->pending_name, piece, length);
     case HEADER_VALUE:
-        _flush_pending_header(parser, response);
-        _begin_name(parser, piece, length);
-        break;
+        return _flush_pending_header(parser, response) ? _begin_name(parser, piece, length)
+                                                       : STOP_PARSER;
     default:
-        _log_invalid_state("on_header_field", parser);
+        LOG_INFO("on_header_field, invalid state, name=%s, value=%s, state=%d",
+                 _printable(parser->pending_name), _printable(parser->pending_value),
+                 (int32_t)parser->header_state);
         _drop_pending_header(parser);
         break;
     }
@@ -362,13 +368,13 @@ static int on_header_value(http_parser* state, const char* piece, size_t length)
         break;
     case HEADER_NAME:
         parser->header_state = HEADER_VALUE;
-        parser->pending_value = string_dup_n(piece, (int32_t)length);
-        break;
+        return _begin_piece(&parser->pending_value, piece, length);
     case HEADER_VALUE:
-        _append_piece(&parser->pending_value, piece, length);
-        break;
+        return _append_piece(&parser->pending_value, piece, length);
     default:
-        _log_invalid_state("on_header_value", parser);
+        LOG_INFO("on_header_value, invalid state, name=%s, value=%s, state=%d",
+                 _printable(parser->pending_name), _printable(parser->pending_value),
+                 (int32_t)parser->header_state);
         _drop_pending_header(parser);
         break;
     }
@@ -379,9 +385,13 @@ static int on_headers_complete(http_parser* state) {
     http_response* response = _response_of(state);
     response_parser* parser = response->parser;
     if (parser->header_state == HEADER_VALUE) {
-        _flush_pending_header(parser, response);
+        if (!_flush_pending_header(parser, response)) {
+            return STOP_PARSER;
+        }
     } else {
-        _log_invalid_state("on_headers_complete", parser);
+        LOG_INFO("on_headers_complete, invalid state, name=%s, value=%s, state=%d",
+                 _printable(parser->pending_name), _printable(parser->pending_value),
+                 (int32_t)parser->header_state);
     }
     _drop_pending_header(parser);
     response->recv_state = RECV_HEADERS_DONE;

@@ -59,7 +59,6 @@ struct tls_state {
     text_buffer in_buf;   // encrypted bytes that were received
     uv_work_t work_req;   // data: the connection
     int32_t last_result;  // of the last engine call
-    int32_t last_error;   // SSL_get_error of it, taken on its thread
     pending_io_callback pending_io_cb;
 
     // What the callers lent for the pending operation.
@@ -73,6 +72,8 @@ struct tls_state {
     http_connect_cb connect_cb;
     http_send_cb send_cb;
     http_recv_cb recv_cb;
+
+    int32_t last_error;  // SSL_get_error of last_result, taken on its thread
 };
 
 static void _https_connect(void* argument);

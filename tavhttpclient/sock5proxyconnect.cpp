@@ -112,10 +112,11 @@ static uint32_t _read_reply(sock5_ctx* ctx, uv_io_recv_cb callback) {
 // ---------------------------------------------------------------------- step 3: the destination
 
 // Keeps the address of a successful reply; false for a reply without a whole one.
-static bool _keep_bound_address(sock5_ctx* ctx, const uint8_t* reply, int32_t length) {
+static bool _keep_bound_address(const uint8_t* reply, int32_t length,
+                                struct sockaddr_storage* address) {
     uint16_t port = 0;
     if (reply[3] == SOCKS_ADDRESS_IPV4 && length == SOCKS_IPV4_REPLY_LENGTH) {
-        struct sockaddr_in* bound = (struct sockaddr_in*)&ctx->bound_address;
+        struct sockaddr_in* bound = (struct sockaddr_in*)address;
         memcpy(&port, reply + 8, sizeof(port));
         bound->sin_family = AF_INET;
         memcpy(&bound->sin_addr, reply + 4, 4);
@@ -123,7 +124,7 @@ static bool _keep_bound_address(sock5_ctx* ctx, const uint8_t* reply, int32_t le
         return true;
     }
     if (reply[3] == SOCKS_ADDRESS_IPV6 && length == SOCKS_IPV6_REPLY_LENGTH) {
-        struct sockaddr_in6* bound = (struct sockaddr_in6*)&ctx->bound_address;
+        struct sockaddr_in6* bound = (struct sockaddr_in6*)address;
         memcpy(&port, reply + 20, sizeof(port));
         bound->sin6_family = AF_INET6;
         memcpy(&bound->sin6_addr, reply + 4, 16);
@@ -133,17 +134,17 @@ static bool _keep_bound_address(sock5_ctx* ctx, const uint8_t* reply, int32_t le
     return false;
 }
 
-static bool _accept_connect_reply(sock5_ctx* ctx, const text_buffer* buffer) {
-    const uint8_t* reply = (const uint8_t*)buffer->data;
-    if (buffer->length < 4) {
-        LOG_ERROR("_step3_recv_result, invalid length, length=%d", buffer->length);
+bool sock5_accept_connect_reply(const uint8_t* reply, int32_t length,
+                                struct sockaddr_storage* bound_address) {
+    if (length < 4) {
+        LOG_ERROR("_step3_recv_result, invalid length, length=%d", length);
     } else if (reply[0] != SOCKS_VERSION) {
         LOG_ERROR("_step3_recv_result, invalid version, ver=%d", reply[0]);
     } else if (reply[1] != 0) {
         LOG_ERROR("_step3_recv_result, svr reply fail, ver=%d", (int8_t)reply[1]);
     } else if (reply[2] != 0) {
         LOG_ERROR("_step3_recv_result, resv not zero, resv=%d", reply[2]);
-    } else if (!_keep_bound_address(ctx, reply, buffer->length)) {
+    } else if (!_keep_bound_address(reply, length, bound_address)) {
         LOG_ERROR("_step3_recv_result, invalid address type, atype=%d", reply[3]);
     } else {
         return true;
@@ -161,7 +162,8 @@ static void _step3_recv_result(uint32_t status, uv_io_ctx* io, text_buffer* buff
     } else if (buffer->length == 0) {
         LOG_ERROR("_step3_recv_result, length=%d", buffer->length);
         err = TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_RECV;
-    } else if (!_accept_connect_reply(ctx, buffer)) {
+    } else if (!sock5_accept_connect_reply((const uint8_t*)buffer->data, buffer->length,
+                                           &ctx->bound_address)) {
         err = TAV_HTTP_ERROR_CODE_CONNECT_PROXY_SVR_DENY;
     }
     _notify_connect_result(ctx, err);
@@ -275,27 +277,26 @@ static void _step2_verify_userpwd(sock5_ctx* ctx) {
 
 // --------------------------------------------------------------------------- step 1: the method
 
-// The code that a greeting's reply ends the handshake with; 0: the offered method is agreed.
-static uint32_t _judge_method_reply(const sock5_ctx* ctx, const text_buffer* buffer) {
-    if (buffer->length == 0) {
+uint32_t sock5_judge_method_reply(const uint8_t* reply, int32_t length, uint8_t offered) {
+    if (length == 0) {
         LOG_ERROR("_step1_recv_result, connection closed, result=%d.", 0);
         return TAV_HTTP_ERROR_CODE_FAIL_RECV;
     }
-    if (buffer->length != 2) {
-        LOG_ERROR("_step1_recv_result, length is invalid, length=%d.", buffer->length);
+    if (length != 2) {
+        LOG_ERROR("_step1_recv_result, length is invalid, length=%d.", length);
         return TAV_HTTP_ERROR_CODE_CONNECT_PROXY_SVR_DENY;
     }
-    uint8_t version = (uint8_t)buffer->data[0];
-    uint8_t method = (uint8_t)buffer->data[1];
-    if (version != SOCKS_VERSION || method != ctx->method) {
+    uint8_t version = reply[0];
+    uint8_t method = reply[1];
+    if (version != SOCKS_VERSION || method != offered) {
         LOG_ERROR("_step1_recv_result, method nego failed, ver=%d, reply_method=%d, "
                   "accept_method=%d",
-                  version, method, ctx->method);
+                  version, method, offered);
         return TAV_HTTP_ERROR_CODE_CONNECT_PROXY_SVR_DENY;
     }
     if (!LOG_ASSERT(method == SOCKS_METHOD_NONE || method == SOCKS_METHOD_USER_PASSWORD)) {
         LOG_ERROR("_step1_recv_result, method nego failed, ver=%d, method=%d, method=%d", version,
-                  method, ctx->method);
+                  method, offered);
         return TAV_HTTP_ERROR_CODE_CONNECT_PROXY_SVR_DENY;
     }
     return 0;
@@ -308,7 +309,7 @@ static void _step1_recv_result(uint32_t status, uv_io_ctx* io, text_buffer* buff
     if (status != 0) {
         LOG_ERROR("_step1_recv_result, failed, result=%d", (int32_t)status);
     } else {
-        err = _judge_method_reply(ctx, buffer);
+        err = sock5_judge_method_reply((const uint8_t*)buffer->data, buffer->length, ctx->method);
     }
     if (err != 0) {
         _notify_connect_result(ctx, err);

@@ -316,7 +316,9 @@ static bool _add_http_task(int32_t priority, http_session* session) {
     session->task_release_hook = _on_after_download_complete_callback;
     _insert_task_to_mgr(mgr, task);
     // On a later turn, so that several sends in a row are all queued before any of them starts.
-    async_run(_on_async_schedule_task, mgr);
+    if (!async_run(_on_async_schedule_task, mgr)) {
+        _schedule_task(mgr);  // Nothing else might ever start it.
+    }
     return true;
 }
 
@@ -403,6 +405,9 @@ static void _on_after_download_complete_callback(void* argument) {
     if (!LOG_ASSERT(mgr->stopping != 0) || !LOG_ASSERT(mgr->stop_request != nullptr)) {
         return;
     }
+    if (mgr->cancelling != 0) {
+        return;
+    }
     if (!_is_task_mgr_idle(mgr)) {
         LOG_INFO("task mgr, stopping, download_alive=%d, upload_alive=%d",
                  list_count(&mgr->download_running), list_count(&mgr->upload_running));
@@ -448,9 +453,11 @@ static bool _start_stop_task_mgr(task_mgr* mgr, void* argument) {
     mgr->stop_request->start_time = GetTickCount();
     LOG_ASSERT(is_loop_thread());
     close_uv_timer(&mgr->timer);
+    mgr->cancelling = 1;
     _cancel_kind(&mgr->upload_high, &mgr->upload_normal, &mgr->upload_low, &mgr->upload_running);
     _cancel_kind(&mgr->download_high, &mgr->download_normal, &mgr->download_low,
                  &mgr->download_running);
+    mgr->cancelling = 0;
     if (_is_task_mgr_idle(mgr)) {
         LOG_INFO("_start_stop_task_mgr, idle, notify result.");
         _finish_stop(mgr);

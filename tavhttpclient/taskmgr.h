@@ -32,6 +32,7 @@ struct http_task {
     uint32_t add_time;      // tick count, ms
     task_list* list;        // where `link` is; null: nowhere
 };
+LIST_ENTRY_CHECK(http_task);
 
 struct task_stop_request {
     void* argument;
@@ -51,7 +52,8 @@ struct task_mgr {
     task_list download_running;
     uint8_t started;
     uint8_t stopping;
-    uv_timer_t* timer;                // one second
+    uint8_t cancelling;  // the stop is still going through the lists: nothing may end it yet
+    uv_timer_t* timer;   // one second
     task_stop_request* stop_request;  // points to stop_storage while a stop is under way
     task_stop_request stop_storage;   // in the record: a stop must not fail for want of memory
 };

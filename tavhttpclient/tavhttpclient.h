@@ -1,7 +1,8 @@
 /*
  * tavHTTPClient: asynchronous HTTP/1.1 and HTTPS transfers for a host application.
  *
- * This is the only public header; it serves C and C++. The life of one request:
+ * The public header for C and C++; tavhttpclient.hpp puts types on top of it for C++17. The life of
+ * one request:
  *
  *   tavHTTPStartup -> tavHTTPOpen -> tavHTTPSetOption... -> tavHTTPSendRequest
  *   -> callbacks -> complete_callback (tavHTTPQueryInfo in it or after it) -> tavHTTPClose
@@ -130,10 +131,10 @@ enum {
 
 /* Methods: the first argument of tavHTTPOpen. */
 enum {
-    TAV_HTTP_METHOD_GET = 1,
-    TAV_HTTP_METHOD_POST = 2,
-    TAV_HTTP_METHOD_HEAD = 3,
-    TAV_HTTP_METHOD_OPTIONS = 4
+    TAV_HTTP_METHOD_GET = 1,    /* GET */
+    TAV_HTTP_METHOD_POST = 2,   /* POST, with the body that the options give */
+    TAV_HTTP_METHOD_HEAD = 3,   /* HEAD */
+    TAV_HTTP_METHOD_OPTIONS = 4 /* OPTIONS */
 };
 
 /* Proxy types: proxy_info.type. */
@@ -199,7 +200,8 @@ enum {
     TAV_HTTP_OPTION_BODY_MD5 = 113,
     /* uint32: 1 reports and stores bodies of every status, not only of 200 and 206. */
     TAV_HTTP_OPTION_KEEP_ERROR_BODY = 114,
-    /* text or null: the name sent to the TLS server and required of its certificate. */
+    /* text or null: the name sent to the TLS server and required of its certificate. A kept
+     * connection is not compared again: see option 202. */
     TAV_HTTP_OPTION_TLS_HOST_NAME = 115,
     /* text or null: Host value of the first request (not of redirects). */
     TAV_HTTP_OPTION_HOST = 116,
@@ -219,7 +221,8 @@ enum {
     TAV_HTTP_OPTION_ADD_FORM_DATA = 195,
     /* int32: one of the TAV_HTTP_PRIORITY_ values. */
     TAV_HTTP_OPTION_PRIORITY = 201,
-    /* uint32: 1 never takes a kept-alive connection. */
+    /* uint32: 1 never takes a kept-alive connection, which is found by scheme, host and port alone,
+     * whatever proxy or TLS name it was made with. */
     TAV_HTTP_OPTION_NO_REUSE = 202,
     /* pointer to proxy_info, or null for a direct connection. */
     TAV_HTTP_OPTION_PROXY = 203,
@@ -231,15 +234,15 @@ enum {
     TAV_HTTP_OPTION_HIDE_URL = 206,
     /* uint32, uint32: first: keep the raw body when decoding fails; second: as option 110. */
     TAV_HTTP_OPTION_KEEP_UNDECODED_BODY = 207,
-    /* The callbacks; null clears. */
-    TAV_HTTP_OPTION_CONNECTING_CALLBACK = 901,
-    TAV_HTTP_OPTION_CONNECTED_CALLBACK = 902,
-    TAV_HTTP_OPTION_DOWNLOAD_START_CALLBACK = 903,
-    TAV_HTTP_OPTION_REDIRECT_CALLBACK = 904,
-    TAV_HTTP_OPTION_DOWNLOAD_DATA_CALLBACK = 906,
-    TAV_HTTP_OPTION_COMPLETE_CALLBACK = 907,
-    TAV_HTTP_OPTION_UPLOAD_PROGRESS_CALLBACK = 908,
-    TAV_HTTP_OPTION_RESPONSE_HEADER_CALLBACK = 909
+    /* The callbacks of that type; null clears. */
+    TAV_HTTP_OPTION_CONNECTING_CALLBACK = 901,      /* connecting_callback */
+    TAV_HTTP_OPTION_CONNECTED_CALLBACK = 902,       /* connected_callback */
+    TAV_HTTP_OPTION_DOWNLOAD_START_CALLBACK = 903,  /* download_start_callback */
+    TAV_HTTP_OPTION_REDIRECT_CALLBACK = 904,        /* redirect_callback */
+    TAV_HTTP_OPTION_DOWNLOAD_DATA_CALLBACK = 906,   /* download_data_callback */
+    TAV_HTTP_OPTION_COMPLETE_CALLBACK = 907,        /* complete_callback: replaces the opened one */
+    TAV_HTTP_OPTION_UPLOAD_PROGRESS_CALLBACK = 908, /* upload_progress_callback */
+    TAV_HTTP_OPTION_RESPONSE_HEADER_CALLBACK = 909  /* response_header_callback */
 };
 
 /* ------------------------------------------------------------------------------------------------
@@ -364,7 +367,8 @@ TAV_HTTP_API uint32_t tavHTTPShutdown(void);
  * proxy      copied; null takes the default proxy (tavHTTPSetDefaultProxy) as it is now.
  * user_data  handed to every callback; never touched.
  * callback   required; see complete_callback.
- * Returns    the handle, owned by the caller until tavHTTPClose; null when `callback` is null.
+ * Returns    the handle, owned by the caller until tavHTTPClose; null when `callback` is null or
+ *            memory is short.
  * Thread     any, also before tavHTTPStartup (without a default proxy then). */
 TAV_HTTP_API http_session* tavHTTPOpen(uint32_t method, const char* url, const proxy_info* proxy,
                                        void* user_data, complete_callback callback);
@@ -429,7 +433,8 @@ TAV_HTTP_API uint32_t tavHTTPSetLogCallback(log_callback callback);
 TAV_HTTP_API int32_t tavHTTPSetConfig(int32_t key, uint32_t value);
 
 /* Sets the proxy that sessions opened from now on take; null clears it. `proxy` is copied.
- * Returns 0, or TAV_HTTP_ERROR_CODE_NOT_INITIALIZED. Thread: any; takes the settings lock. */
+ * Returns 0; TAV_HTTP_ERROR_CODE_NOT_INITIALIZED; TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY (the old one
+ *         stays then). Thread: any; takes the settings lock. */
 TAV_HTTP_API uint32_t tavHTTPSetDefaultProxy(const proxy_info* proxy);
 
 /* Sets the directory of option 102's files and creates it; null or empty goes back to the system's

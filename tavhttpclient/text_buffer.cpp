@@ -64,7 +64,8 @@ bool text_buffer_append(text_buffer* buffer, const void* bytes, uint32_t count) 
     }
     int64_t needed = (int64_t)buffer->length + count;
     if (needed > buffer->capacity) {
-        if (2 * needed > INT32_MAX || !text_buffer_reserve(buffer, (int32_t)(2 * needed))) {
+        int64_t wanted = 2 * needed <= INT32_MAX ? 2 * needed : INT32_MAX;
+        if (needed > INT32_MAX || !text_buffer_reserve(buffer, (int32_t)wanted)) {
             return false;
         }
     }

@@ -2,7 +2,6 @@
 // the URLs have their own files.
 #include "tavhttpclient/util.h"
 
-#include <inttypes.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -85,12 +84,23 @@ int32_t string_printf_bounded(char* array, int32_t size, const char* format, ...
 }
 
 char* int64_to_text(int64_t value, char* array) {
-    string_printf_bounded(array, INT64_TEXT_SIZE, "%" PRId64, value);
+    if (value >= 0) {
+        return uint64_to_text((uint64_t)value, array);
+    }
+    array[0] = '-';
+    uint64_to_text(0 - (uint64_t)value, array + 1);
     return array;
 }
 
 char* uint64_to_text(uint64_t value, char* array) {
-    string_printf_bounded(array, INT64_TEXT_SIZE, "%" PRIu64, value);
+    char digits[INT64_TEXT_SIZE];
+    char* first = digits + INT64_TEXT_SIZE - 1;
+    *first = 0;
+    do {
+        *--first = (char)('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    memcpy(array, first, (size_t)(digits + INT64_TEXT_SIZE - first));
     return array;
 }
 

@@ -51,6 +51,7 @@ struct uv_connect_ctx {
     uint8_t dns_pending;  // the result of dns_req will come
     uint8_t abandoned;    // the loop ended before that
 };
+LIST_ENTRY_CHECK(uv_connect_ctx);
 
 static list_link _live_contexts = {&_live_contexts, &_live_contexts};
 
@@ -63,7 +64,9 @@ static uv_mutex_t _abandoned_mutex;
 static uv_loop_t* _lookup_loop = nullptr;
 
 static void _init_abandoned_mutex(void) {
-    uv_mutex_init(&_abandoned_mutex);
+    while (uv_mutex_init(&_abandoned_mutex) != 0) {
+        uv_sleep(1);  // The end of the loop cannot fail.
+    }
 }
 
 // ------------------------------------------------------------------------------------ handles
@@ -249,8 +252,13 @@ static void _on_connect_result(uv_connect_t* request, int status) {
     if (status == 0) {
         close_uv_tcp(other);
     } else {
-        LOG_INFO("_on_connect_result, %s connect fail, host=%s, status=%d",
-                 is_ipv4 ? "ipv4" : "ipv6", ctx->host, status);
+        if (is_ipv4) {
+            LOG_INFO("_on_connect_result, ipv4 connect fail, host=%s, status=%d", ctx->host,
+                     status);
+        } else {
+            LOG_INFO("_on_connect_result, ipv6 connect fail, host=%s, status=%d", ctx->host,
+                     status);
+        }
         close_uv_tcp(own);
     }
 

@@ -37,22 +37,31 @@ static void set_header(http_session* session, const text_pair& header) {
                      header.second.c_str());
 }
 
-static void set_body(http_session* session, const arguments& args) {
+// Returns the code of the first piece that the library did not take: without it something else than
+// what the user named would be sent.
+static uint32_t set_body(http_session* session, const arguments& args) {
+    uint32_t code = 0;
     for (const text_pair& field : args.form_fields) {
-        tavHTTPSetOption(session, TAV_HTTP_OPTION_ADD_FORM_FIELD, field.first.c_str(), "%s",
-                         field.second.c_str());
+        code = code != 0 ? code
+                         : tavHTTPSetOption(session, TAV_HTTP_OPTION_ADD_FORM_FIELD,
+                                            field.first.c_str(), "%s", field.second.c_str());
     }
     for (const form_file& file : args.form_files) {
-        tavHTTPSetOption(session, TAV_HTTP_OPTION_ADD_FORM_FILE, file.name.c_str(),
-                         file.path.c_str(), file.announced.c_str());
+        code = code != 0
+                   ? code
+                   : tavHTTPSetOption(session, TAV_HTTP_OPTION_ADD_FORM_FILE, file.name.c_str(),
+                                      file.path.c_str(), file.announced.c_str());
     }
-    if (!args.body.empty()) {
-        tavHTTPSetOption(session, TAV_HTTP_OPTION_APPEND_BODY, args.body.data(),
-                         (uint32_t)args.body.size());
+    // In pieces, since an option takes 32 bits of length.
+    const size_t most = 64u << 20;
+    for (size_t offset = 0; code == 0 && offset < args.body.size(); offset += most) {
+        code = tavHTTPSetOption(session, TAV_HTTP_OPTION_APPEND_BODY, args.body.data() + offset,
+                                (uint32_t)std::min(most, args.body.size() - offset));
     }
-    if (!args.upload.empty()) {
-        tavHTTPSetOption(session, TAV_HTTP_OPTION_UPLOAD_FILE, args.upload.c_str());
+    if (code == 0 && !args.upload.empty()) {
+        code = tavHTTPSetOption(session, TAV_HTTP_OPTION_UPLOAD_FILE, args.upload.c_str());
     }
+    return code;
 }
 
 static void set_target(http_session* session, const arguments& args, const transfer_target& target,
@@ -113,6 +122,9 @@ http_session* open_session(const arguments& args, const std::string& url,
         set_header(session, header);
     }
     set_target(session, args, target, resuming);
-    set_body(session, args);
+    if (set_body(session, args) != 0) {
+        tavHTTPClose(session);
+        return nullptr;
+    }
     return session;
 }
