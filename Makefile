@@ -1,8 +1,8 @@
 # A thin front to CMake and scripts/. The presets build in build/<preset>.
-SOURCES = git ls-files -co --exclude-standard '*.h' '*.c' '*.cpp'
+SOURCES = git ls-files -co --exclude-standard '*.h' '*.hpp' '*.c' '*.cpp'
 UNITS = git ls-files -co --exclude-standard 'tavhttpclient/*.cpp' 'platform/*.cpp'
 
-.PHONY: demo test lint format clean
+.PHONY: demo test lint format docs clean fault fuzz soak bench
 
 demo:
 	scripts/install-deps demo
@@ -22,8 +22,38 @@ lint:
 	cmake --preset clang
 	$(UNITS) | xargs -P 2 -n 4 clang-tidy -p build/clang --quiet --warnings-as-errors='*'
 
+# Every transfer with each of its calls failing in turn.
+fault:
+	for p in release asan; do cmake --preset $$p && cmake --build --preset $$p \
+	    --target fault_injection && build/$$p/tests/fault/fault_injection || exit 1; done
+
+# make fuzz T=60: each fuzzer for T seconds.
+T ?= 60
+fuzz:
+	scripts/install-deps ci
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	scripts/fuzz $(T) build/fuzz
+
+# make soak MINUTES=5 [SANITIZE=address|thread]: everything at once, beside real servers.
+soak:
+	scripts/install-deps test
+	SANITIZE=$(SANITIZE) scripts/soak $(or $(MINUTES),5)
+
+# make bench [QUICK=1]: beside libcurl; the quick form takes less than a minute.
+bench:
+	scripts/install-deps bench
+	cmake --preset bench && cmake --build --preset bench
+	scripts/bench build/bench $(if $(QUICK),--quick)
+
 format:
 	$(SOURCES) | xargs clang-format -i
+
+docs:
+	scripts/install-deps docs
+	mkdir -p build
+	doxygen docs/Doxyfile
+	@echo "the reference is in build/docs/index.html"
 
 clean:
 	rm -rf build
