@@ -96,6 +96,11 @@ bool http_connection_release(http_connection* conn) {
     return false;
 }
 
+// Takes back a hold of an operation that has not started, which nothing can have closed meanwhile.
+static void _unhold(http_connection* conn) {
+    --conn->pending;
+}
+
 bool http_connect_is_cancelled(const http_connection* conn) {
     return conn->closed != 0 || (conn->owner != nullptr && session_is_cancelled(conn->owner));
 }
@@ -282,7 +287,7 @@ static uint32_t _start_direct(http_connection* conn, int32_t budget) {
     uint32_t err = uv_connect_timeout(conn->host, conn->port, budget, conn, _direct_connect_result,
                                       _is_connect_cancelled);
     if (err != 0) {
-        http_connection_release(conn);
+        _unhold(conn);
         LOG_INFO("_on_async_start_connect, _start_dns failed.");
     }
     return err;
@@ -305,13 +310,13 @@ static uint32_t _start_proxy(http_connection* conn, int32_t budget) {
             LOG_ERROR("_on_async_start_connect, sock5_proxy_connect failed, err=%d.", (int)err);
         }
     } else {
-        http_connection_release(conn);
+        _unhold(conn);
         LOG_INFO("_on_async_start_connect, invalid proxy info, proxy-type=%d.",
                  (int)conn->proxy->type);
         return TAV_HTTP_ERROR_CODE_INVALID_PROXY;
     }
     if (err != 0) {
-        http_connection_release(conn);
+        _unhold(conn);
     }
     return err;
 }
@@ -364,7 +369,7 @@ static uint32_t _start_pooled(http_connection* conn, connect_target* target, htt
              (int)conn->id, shown_url, (int)conn->reuse_count);
     http_connection_hold(conn);
     if (!async_run(_on_async_notify_connection_result, conn)) {
-        http_connection_release(conn);
+        _unhold(conn);
         LOG_ERROR("http_connect_start, async_run _on_async_notify_connection_result fail.");
         http_connection_destroy(conn);
         return TAV_HTTP_ERROR_CODE_FAIL_START_ASYNC;
@@ -417,7 +422,7 @@ static uint32_t _start_new(http_connection* conn, http_session* owner, int32_t c
     conn->connect_callback = _on_http_connect_result;
     http_connection_hold(conn);
     if (!async_run(_on_async_start_connect, conn)) {
-        http_connection_release(conn);
+        _unhold(conn);
         LOG_INFO("http_connect_start, async_run fail, conn-id=%d, url=%s", (int)conn->id,
                  shown_url);
         http_connection_destroy(conn);

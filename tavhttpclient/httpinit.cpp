@@ -225,7 +225,7 @@ static char* _normalised_directory(const char* directory) {
     for (size_t i = 0; i < length; i++) {
         copy[i] = directory[i] == '\\' ? '/' : directory[i];
     }
-    if (copy[length - 1] != '/') {
+    if (length == 0 || copy[length - 1] != '/') {
         copy[length++] = '/';
     }
     copy[length] = '\0';

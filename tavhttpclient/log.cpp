@@ -51,8 +51,7 @@ void write_log(int32_t level, const char* tag, uint32_t line, const char* format
     va_end(arguments);
 }
 
-bool log_assert_fail(const char* file, const char* function, uint32_t line) {
+void log_assert_fail(const char* file, const char* function, uint32_t line) {
     write_log(LOG_LEVEL_ERROR, LOG_TAG, line, "assert fail, file=%s, function=%s, line=%d", file,
               function, (int32_t)line);
-    return false;
 }

@@ -33,8 +33,8 @@ void write_log(int32_t level, const char* tag, uint32_t line, const char* format
 // Stores the receiver of log lines; null turns logging off. Any thread.
 void set_log_callback(log_callback callback);
 
-// Logs "assert fail, ..." at level 1000; returns false. Call it through LOG_ASSERT.
-bool log_assert_fail(const char* file, const char* function, uint32_t line);
+// Logs "assert fail, ..." at level 1000. Call it through LOG_ASSERT.
+void log_assert_fail(const char* file, const char* function, uint32_t line);
 
 #define LOG_ERROR(...) write_log(LOG_LEVEL_ERROR, LOG_TAG, __LINE__, __VA_ARGS__)
 #define LOG_INFO(...) write_log(LOG_LEVEL_INFO, LOG_TAG, __LINE__, __VA_ARGS__)
@@ -42,10 +42,11 @@ bool log_assert_fail(const char* file, const char* function, uint32_t line);
 
 // True when the condition holds; otherwise logs the failed assertion and is false. Never stops the
 // program and is never compiled out: the code behind it handles the bad case itself.
-#define LOG_ASSERT(condition) ((condition) ? true : log_assert_fail(__FILE__, __func__, __LINE__))
+#define LOG_ASSERT(condition)                                                                      \
+    ((condition) ? true : (log_assert_fail(__FILE__, __func__, __LINE__), false))
 
 // The same under another function's name, where the log has always used that name.
 #define LOG_ASSERT_IN(function, condition)                                                         \
-    ((condition) ? true : log_assert_fail(__FILE__, function, __LINE__))
+    ((condition) ? true : (log_assert_fail(__FILE__, function, __LINE__), false))
 
 #endif

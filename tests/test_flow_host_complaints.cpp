@@ -211,13 +211,18 @@ TEST(Close, IsTheEndOfCallbacks) {
         host.join();
     }
     lib.shutdown();
+    std::size_t late = 0;
     for (std::size_t i = 0; i < all.size(); i++) {
-        EXPECT_LE(all[i]->events().size(), events_at_close[i] + 1) << all[i]->event_names();
+        std::size_t behind = all[i]->events().size() - events_at_close[i];
+        late += behind;
+        EXPECT_LE(behind, 1u) << all[i]->event_names();
         EXPECT_LE(all[i]->completions(), 1);
         if (all[i]->completions() == 1) {
             EXPECT_EQ("complete", all[i]->events().back().name);
         }
     }
+    // One that had begun and was not yet seen is rare.
+    EXPECT_LT(late, all.size() / 4);
 }
 
 // -------------------------------------------------------------------------- races with a stop

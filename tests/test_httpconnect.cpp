@@ -153,8 +153,10 @@ TEST(HttpConnect, AllIsClosedWhateverStageAConnectionIsIn) {
         } rows[] = {
             {"http://hang/", [] { return hanging_lookups() == 1; }},
             {deaf.url(), [&] { return log.has_line("ipv4=0, ipv6=-1"); }},
+#if TAV_HTTP_WITH_TLS
             // In the handshake, waiting for the server's answer.
             {"https" + silent.url().substr(4), [&] { return silent.connection_count() == 1; }},
+#endif
         };
         std::vector<http_session*> sessions;
         for (const auto& row : rows) {
@@ -170,7 +172,7 @@ TEST(HttpConnect, AllIsClosedWhateverStageAConnectionIsIn) {
                                              false, nullptr, 0));
             http_connect_close_all();
         });
-        EXPECT_TRUE(silent.wait_for_disconnects(1));
+        EXPECT_TRUE(silent.wait_for_disconnects(silent.connection_count()));
         for (http_session* opened : sessions) {
             tavHTTPClose(opened);
         }

@@ -270,11 +270,12 @@ class Queries : public testing::Test {
         entries.back().value = (char*)value;
         list_append(&head, &entries.back().link);
     }
-    // Asks with a heap buffer of exactly `size` bytes, so that a byte too much is noticed; returns
-    // the code, the length and the buffer.
+    // Asks with a heap buffer of exactly `size` bytes, so that a byte too much is noticed; a buffer
+    // that is given always has room for the empty text. Returns the code, the length, the buffer.
     std::uint32_t ask(std::uint32_t query, const char* name, int size) {
-        std::unique_ptr<char[]> buffer(new char[(size_t)size]);
-        memset(buffer.get(), '#', (size_t)size);
+        std::size_t room = size > 0 ? (size_t)size : 1;
+        std::unique_ptr<char[]> buffer(new char[room]);
+        memset(buffer.get(), '#', room);
         length = size;
         std::uint32_t code =
             query == TAV_HTTP_QUERY_RAW_HEADERS
