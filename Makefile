@@ -24,8 +24,10 @@ lint:
 
 # Every transfer with each of its calls failing in turn.
 fault:
-	for p in release asan; do cmake --preset $$p && cmake --build --preset $$p \
-	    --target fault_injection && build/$$p/tests/fault/fault_injection || exit 1; done
+	scripts/install-deps test
+	for p in release asan; do cmake --preset $$p -DTAV_HTTP_BUILD_TESTS=ON && \
+	    cmake --build --preset $$p --target fault_injection && \
+	    build/$$p/tests/fault/fault_injection || exit 1; done
 
 # make fuzz T=60: each fuzzer for T seconds.
 T ?= 60

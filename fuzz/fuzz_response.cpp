@@ -95,7 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     bool more = left > 0;
     while (more) {
         cuts = cuts * 1103515245u + 12345u;
-        size_t wanted = cuts == 0 || (cuts >> 16) % 4 == 0 ? left : 1 + (cuts >> 16) % 61;
+        size_t wanted = (cuts >> 16) % 4 == 0 ? left : 1 + (cuts >> 16) % 61;
         size_t count = wanted < left ? wanted : left;
         session->connection = count < left ? &open_connection : nullptr;
         more = receive(session, exact_block(at, count), count) && count < left;

@@ -523,11 +523,11 @@ inline void call_complete(http_session* session, void* key, std::uint32_t code) 
     if (state == nullptr) {
         return;
     }
-    // Taken out, so that a function that holds its own session's owner does not keep it for ever.
-    complete_function function = std::move(state->complete);
-    state->complete = nullptr;
-    if (function) {
-        function(session_ref(session), make_error(code));
+    // The last call. All are taken out, so that functions that hold their own session's owner do
+    // not keep it for ever.
+    callbacks last = std::exchange(*state, callbacks());
+    if (last.complete) {
+        last.complete(session_ref(session), make_error(code));
     }
 }
 
@@ -816,7 +816,7 @@ class session : public session_ref {
             TAV_HTTP_OPTION_DOWNLOAD_DATA_CALLBACK, std::move(function));
     }
     /// Option 907. Without it nobody learns of the end. The function may close the session or
-    /// destroy its owner; it is dropped when it has run.
+    /// destroy its owner; all functions of the session are dropped when it has run.
     std::error_code on_complete(complete_function function) {
         return install_as<complete_callback>(TAV_HTTP_OPTION_COMPLETE_CALLBACK,
                                              &detail::callbacks::complete, std::move(function),

@@ -485,26 +485,31 @@ TEST(CppCallbacks, OutliveTheSessionWhileTheyRun) {
     EXPECT_TRUE(wait_until([&watch = watch] { return watch.expired(); }));
 }
 
-// The owner goes inside the last callback, which alone held it.
+// The owner goes inside the last callback, or behind it when other functions held it too.
 TEST(CppCallbacks, MayDestroyTheirSession) {
     scripted_server server([](const received_request&) { return response(200, "body"); });
     tavhttp::library library;
-    auto [value, watch] = watched();
-    auto done = std::make_shared<std::promise<std::string>>();
-    auto session = std::make_shared<tavhttp::session>(tavhttp::method::get, server.url());
-    session->on_complete([session, done, held = value](session_ref s, std::error_code) mutable {
+    for (bool is_held_twice : {false, true}) {
+        auto [value, watch] = watched();
+        auto done = std::make_shared<std::promise<std::string>>();
+        auto session = std::make_shared<tavhttp::session>(tavhttp::method::get, server.url());
+        if (is_held_twice) {
+            session->on_connecting([session](auto...) {});
+        }
+        session->on_complete([session, done, held = value](session_ref s, std::error_code) mutable {
+            session.reset();
+            done->set_value(s.memory_body().value_or(""));
+        });
+        value.reset();
+        std::weak_ptr<tavhttp::session> owner = session;
+        ASSERT_FALSE(session->send());
         session.reset();
-        done->set_value(s.memory_body().value_or(""));
-    });
-    value.reset();
-    std::weak_ptr<tavhttp::session> owner = session;
-    ASSERT_FALSE(session->send());
-    session.reset();
-    std::future<std::string> body = done->get_future();
-    ASSERT_EQ(std::future_status::ready, body.wait_for(default_deadline));
-    EXPECT_EQ("body", body.get());
-    EXPECT_TRUE(
-        wait_until([&owner, &watch = watch] { return owner.expired() && watch.expired(); }));
+        std::future<std::string> body = done->get_future();
+        ASSERT_EQ(std::future_status::ready, body.wait_for(default_deadline));
+        EXPECT_EQ("body", body.get());
+        EXPECT_TRUE(
+            wait_until([&owner, &watch = watch] { return owner.expired() && watch.expired(); }));
+    }
 }
 
 // Sessions are closed at every moment of their lives; the sanitizers watch.

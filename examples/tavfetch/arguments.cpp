@@ -28,11 +28,11 @@ that step's time-out. A second Ctrl-C leaves at once, perhaps with a temporary f
 Exit codes:
   0  all transfers succeeded
   1  usage: wrong arguments, URL or proxy
-  2  network: name, connection, proxy
+  2  network: name, connection (its time-out included), proxy
   3  TLS: handshake, certificate name
   4  server: status or malformed response
   5  file: cannot be opened, read or written
-  6  time-out
+  6  time-out of a send or receive, or of the whole transfer
   7  cancelled
   8  internal
 With several transfers the code is that of the first that failed.)";

@@ -180,21 +180,45 @@ static void print_success(const transfer& item, const transfer_result& result) {
     }
 }
 
+// The bytes of the UTF-8 character at `i`; 0 when there is none.
+static size_t utf8_length(const std::string& text, size_t i) {
+    static const uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+    unsigned char lead = (unsigned char)text[i];
+    size_t length = lead < 0x80 ? 1 : lead < 0xC0 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+    if (length < 2) {
+        return length;
+    }
+    uint32_t value = lead & (0xFFu >> (length + 1));
+    for (size_t k = 1; k < length; k++) {
+        if (i + k >= text.size() || (text[i + k] & 0xC0) != 0x80) {
+            return 0;
+        }
+        value = value << 6 | (text[i + k] & 0x3Fu);
+    }
+    bool is_surrogate = value >= 0xD800 && value < 0xE000;
+    return lead > 0xF4 || value < least[length] || value > 0x10FFFF || is_surrogate ? 0 : length;
+}
+
+// Servers send any bytes; JSON is UTF-8.
 static std::string json_text(const std::string& text) {
     if (text.empty()) {
         return "null";
     }
     std::string result = "\"";
-    for (char c : text) {
+    for (size_t i = 0; i < text.size();) {
         char escaped[8];
-        if (c == '"' || c == '\\') {
-            result += std::string("\\") + c;
-        } else if ((unsigned char)c < 32) {
-            snprintf(escaped, sizeof(escaped), "\\u%04x", (unsigned)c);
+        size_t length = utf8_length(text, i);
+        if (length == 0) {
+            result += "\\ufffd";
+        } else if (text[i] == '"' || text[i] == '\\') {
+            result += std::string("\\") + text[i];
+        } else if ((unsigned char)text[i] < 32) {
+            snprintf(escaped, sizeof(escaped), "\\u%04x", (unsigned)text[i]);
             result += escaped;
         } else {
-            result += c;
+            result.append(text, i, length);
         }
+        i += length == 0 ? 1 : length;
     }
     return result + "\"";
 }
@@ -239,6 +263,8 @@ static bool print_payload(const transfer& item, const transfer_result& result) {
 }
 
 int report_result(const transfer& item, const transfer_result& result) {
+    // Bars that are redrawn would erase what standard output adds to the same terminal.
+    stop_progress();
     transfer_result final = result;
     if (!print_payload(item, result)) {
         final.verdict = VERDICT_OUTPUT_CLOSED;

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <set>
 #include <thread>
 
 #include "tavhttpclient/httpinit.h"
@@ -206,12 +207,19 @@ void watch(int deadline_ms) {
     }
 }
 
-std::mutex log_mutex;
+std::mutex log_mutex;  // guards what follows
 std::deque<std::string> log_lines;
+std::set<std::string> log_kinds;
+
+// What the line says before its first value: the same in every run.
+std::string kind_of_line(const char* text) {
+    return std::string(text, std::strcspn(text, "=0123456789"));
+}
 
 void on_log(std::int32_t level, const char*, const char* text) {
     std::lock_guard<std::mutex> guard(log_mutex);
     log_lines.push_back(std::to_string(level) + " " + text);
+    log_kinds.insert(kind_of_line(text));
     if (log_lines.size() > 40) {
         log_lines.pop_front();
     }
@@ -242,6 +250,7 @@ void watchdog_stop() {
 void log_start() {
     std::lock_guard<std::mutex> guard(log_mutex);
     log_lines.clear();
+    log_kinds.clear();
     tavHTTPSetLogCallback(on_log);
 }
 
@@ -252,4 +261,9 @@ std::string log_tail() {
         text += "    | " + line + "\n";
     }
     return text;
+}
+
+std::set<std::string> log_said() {
+    std::lock_guard<std::mutex> guard(log_mutex);
+    return log_kinds;
 }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -82,5 +83,7 @@ void watchdog_stop();
 // Keeps the last lines of the log for a report.
 void log_start();
 std::string log_tail();
+// The lines since log_start, each kind once, without its values.
+std::set<std::string> log_said();
 
 #endif

@@ -218,18 +218,20 @@ WRAP(int, inflate, (z_stream * stream, int flush), (stream, flush), Z_MEM_ERROR)
 
 // ------------------------------------------------------------------------------ files, sockets
 
-WRAP_ERRNO(FILE*, fopen, (const char* path, const char* mode), (path, mode), nullptr, EMFILE)
+// With 64-bit file offsets the C library's headers refer to these names.
+WRAP_ERRNO(FILE*, fopen64, (const char* path, const char* mode), (path, mode), nullptr, EMFILE)
+WRAP_ERRNO(int, fseeko64, (FILE * file, off64_t offset, int origin), (file, offset, origin), -1,
+           EIO)
+WRAP_ERRNO(off64_t, ftello64, (FILE * file), (file), -1, EIO)
+WRAP_ERRNO(int, ftruncate64, (int file, off64_t size), (file, size), -1, EIO)
+WRAP_ERRNO(int, fstat64, (int file, struct stat64* status), (file, status), -1, EIO)
+WRAP_ERRNO(int, stat64, (const char* path, struct stat64* status), (path, status), -1, EIO)
 WRAP_ERRNO(size_t, fwrite, (const void* data, size_t size, size_t count, FILE* file),
            (data, size, count, file), 0, ENOSPC)
 WRAP_ERRNO(int, fflush, (FILE * file), (file), EOF, ENOSPC)
 WRAP_ERRNO(int, fseek, (FILE * file, long offset, int origin), (file, offset, origin), -1, EIO)
-WRAP_ERRNO(int, fseeko, (FILE * file, off_t offset, int origin), (file, offset, origin), -1, EIO)
-WRAP_ERRNO(off_t, ftello, (FILE * file), (file), -1, EIO)
 WRAP_ERRNO(int, setvbuf, (FILE * file, char* buffer, int mode, size_t size),
            (file, buffer, mode, size), -1, ENOMEM)
-WRAP_ERRNO(int, ftruncate, (int file, off_t size), (file, size), -1, EIO)
-WRAP_ERRNO(int, fstat, (int file, struct stat* status), (file, status), -1, EIO)
-WRAP_ERRNO(int, stat, (const char* path, struct stat* status), (path, status), -1, EIO)
 WRAP_ERRNO(int, unlink, (const char* path), (path), -1, EIO)
 WRAP_ERRNO(int, mkdir, (const char* path, mode_t mode), (path, mode), -1, ENOSPC)
 WRAP_ERRNO(int, access, (const char* path, int mode), (path, mode), -1, EIO)
