@@ -1,5 +1,7 @@
 #include "errors.h"
 
+#include "terminal.h"
+
 #include <cstdio>
 
 #include "tavhttpclient/tavhttpclient.h"
@@ -101,7 +103,7 @@ std::string code_name(uint32_t code) {
 static std::string explain_status(uint32_t status, const std::string& status_text) {
     std::string text = "the server answered " + std::to_string(status);
     if (!status_text.empty()) {
-        text += " " + status_text;
+        text += " " + printable(status_text);
     }
     if (status == 407) {
         return text + "; the proxy wants a user and a password";

@@ -99,7 +99,7 @@ static void handle_event(fetch_run* run, const transfer_event& event) {
     if (event.kind == EVENT_COMPLETE) {
         handle_complete(run, event.owner, event.code);
     } else if (!run->args->quiet) {
-        print_line(event.owner->label + ": redirected to " + event.text);
+        print_line(event.owner->label + ": redirected to " + printable(event.text));
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include "errors.h"
 #include "progress.h"
+#include "terminal.h"
 
 namespace fs = std::filesystem;
 
@@ -145,7 +146,8 @@ static std::string describe_target(const transfer& item, const transfer_result& 
         return item.target.path + " is complete already";
     }
     if (result.status >= 300 && !result.location.empty()) {
-        return std::to_string(result.status) + " " + result.status_text + ", to " + result.location;
+        return std::to_string(result.status) + " " + printable(result.status_text) + ", to " +
+               printable(result.location);
     }
     switch (item.target.kind) {
     case TARGET_STREAM:
@@ -153,7 +155,7 @@ static std::string describe_target(const transfer& item, const transfer_result& 
     case TARGET_MEMORY:
         return "received";
     case TARGET_NONE:
-        return std::to_string(result.status) + " " + result.status_text;
+        return std::to_string(result.status) + " " + printable(result.status_text);
     default:
         return result.file.empty() ? "no body" : "saved to " + result.file;
     }

@@ -52,3 +52,14 @@ void prepare_streams() {
 }
 
 #endif
+
+std::string printable(const std::string& text) {
+    std::string clean = text;
+    for (char& character : clean) {
+        unsigned char byte = (unsigned char)character;
+        if (byte < 0x20 || byte == 0x7f) {
+            character = '?';
+        }
+    }
+    return clean;
+}
