@@ -8,6 +8,7 @@
 #include <uv.h>
 
 #include <atomic>
+#include <mutex>
 
 #include "platform/win_file.h"
 
@@ -193,6 +194,16 @@ bool parse_http_date(const char* text, int32_t length, int64_t* output) {
     return true;
 }
 
+// Seconds of a local broken-down time, one thread at a time: the call reads the zone anew each time
+// and keeps it in the C library's own records.
+static int64_t _mktime(struct tm* time) {
+    static std::mutex lock;
+    lock.lock();
+    int64_t seconds = (int64_t)mktime(time);
+    lock.unlock();
+    return seconds;
+}
+
 // What mktime is off by, because it takes every time for local time.
 static int64_t _zone_offset(void) {
     // Threads that compute it at once store the same value. While it is 0 it is computed anew, so
@@ -208,7 +219,7 @@ static int64_t _zone_offset(void) {
         return 0;
     }
     struct tm utc = *shared;
-    offset = now - (int64_t)mktime(&utc);
+    offset = now - _mktime(&utc);
     cached.store(offset, std::memory_order_relaxed);
     return offset;
 }
@@ -217,7 +228,7 @@ int64_t utc_tm_to_time(struct tm* time) {
     if (time == nullptr) {
         return -1;
     }
-    int64_t local = (int64_t)mktime(time);
+    int64_t local = _mktime(time);
     return local != -1 ? local + _zone_offset() : -1;
 }
 
