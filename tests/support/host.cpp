@@ -440,6 +440,7 @@ descriptor_guard::descriptor_guard() {
         transfer warm_up(server.url());
         EXPECT_EQ(0u, warm_up.run());
     }
+    refusing_port();
     start_ = open_descriptors();
 }
 

@@ -556,7 +556,9 @@ std::string blackhole_listener::url(const std::string& path) const {
 }
 
 std::uint16_t refusing_port() {
-    std::uint16_t port = 0;
-    close(bind_loopback(false, &port));
+    // Bound for as long as the process lives and never listening, so that nobody else gets it.
+    static std::uint16_t port = 0;
+    static int held = bind_loopback(false, &port);
+    (void)held;
     return port;
 }

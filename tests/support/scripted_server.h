@@ -169,7 +169,7 @@ class blackhole_listener {
     std::vector<int> fillers_;
 };
 
-// A port on 127.0.0.1 that refuses connections: it was free a moment ago.
+// A port on 127.0.0.1 that refuses connections: bound, never listening, the same at every call.
 std::uint16_t refusing_port();
 
 #endif
