@@ -9,7 +9,7 @@ namespace {
 
 void check_http_reply(const char* reply, int32_t length) {
     int32_t status = -1;
-    bool parsed = parse_proxy_status_code(reply, length, &status);
+    bool parsed = _parse_proxy_status_code(reply, length, &status);
     FUZZ_CHECK(parsed || status == 0);
     FUZZ_CHECK(status >= -99 && status <= 999);
     FUZZ_CHECK((judge_proxy_reply(reply, length) == 0) == (status == 200));

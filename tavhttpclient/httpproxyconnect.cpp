@@ -112,7 +112,7 @@ static void _basic_auth_finish(basic_auth_ctx* auth, uint32_t code) {
 
 // ----------------------------------------------------------------------------------- the reply
 
-bool parse_proxy_status_code(const char* bytes, int32_t count, int32_t* output) {
+bool _parse_proxy_status_code(const char* bytes, int32_t count, int32_t* output) {
     int32_t space = 0;
     *output = 0;
     while (space < count && bytes[space] != ' ') {
@@ -132,7 +132,7 @@ bool parse_proxy_status_code(const char* bytes, int32_t count, int32_t* output) 
 
 uint32_t judge_proxy_reply(const char* reply, int32_t count) {
     int32_t status_code = 0;
-    parse_proxy_status_code(reply, count, &status_code);
+    _parse_proxy_status_code(reply, count, &status_code);
     if (status_code == 200) {
         return 0;
     }

@@ -207,8 +207,15 @@ static void _wait_connect_complete(uv_connect_ctx* ctx, int status) {
     LOG_INFO("_on_connect_result, wait connect complete, ctx=%p, host=%s, status=%d, conn4=%p, "
              "conn6=%p",
              (void*)ctx, ctx->host, status, (void*)ctx->connect_req4, (void*)ctx->connect_req6);
-    if (!_is_attempt_running(ctx) && ctx->timer != nullptr) {
-        uv_timer_start(ctx->timer, _on_stalled_check, STALLED_INTERVAL, STALLED_INTERVAL);
+    if (_is_attempt_running(ctx)) {
+        return;
+    }
+    if (ctx->timer == nullptr ||
+        uv_timer_start(ctx->timer, _on_stalled_check, STALLED_INTERVAL, STALLED_INTERVAL) != 0) {
+        // Without the timer not even a cancel could end it.
+        close_uv_tcp(&ctx->tcp4);
+        close_uv_tcp(&ctx->tcp6);
+        _notify_uv_connect_timeout_result(ctx, TAV_HTTP_ERROR_CODE_FAIL_CONNECT);
     }
 }
 
