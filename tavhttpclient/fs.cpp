@@ -15,6 +15,7 @@
 #include "tavhttpclient/loop.h"
 #include "tavhttpclient/util.h"
 #include "tavhttpclient/utilplatform_win32.h"
+#include "tavhttpclient/worker.h"
 
 #define BAD_ARGUMENT 14
 #define STREAM_BUFFER_SIZE 0x10000
@@ -145,14 +146,14 @@ int32_t tavhttp_ftruncate(FILE* file) {
 // ------------------------------------------------------------------------------ close, off-loop
 
 // Worker thread. From tavhttp_async_close; next _work_after_close_file.
-static void _work_close_file(uv_work_t* req) {
+static void _work_close_file(worker_step* req) {
     FILE* file = (FILE*)req->data;
     req->data = nullptr;
     fclose(file);
 }
 
 // Loop thread. From _work_close_file; last.
-static void _work_after_close_file(uv_work_t* req, int status) {
+static void _work_after_close_file(worker_step* req, int status) {
     FILE* file = (FILE*)req->data;
     free(req);
     if (status != 0) {
@@ -169,12 +170,12 @@ bool tavhttp_async_close(FILE* file) {
         return true;
     }
     uv_loop_t* loop = get_uv_loop();
-    uv_work_t* req = loop != nullptr ? (uv_work_t*)calloc(1, sizeof(uv_work_t)) : nullptr;
+    worker_step* req = loop != nullptr ? (worker_step*)calloc(1, sizeof(worker_step)) : nullptr;
     if (req == nullptr) {
         return false;
     }
     req->data = file;
-    int ret = uv_queue_work(loop, req, _work_close_file, _work_after_close_file);
+    int ret = queue_worker_step(req, _work_close_file, _work_after_close_file);
     if (ret != 0) {
         LOG_INFO("tavhttp_async_close, uv_queue_work fail, ret=%d, %s", ret, uv_strerror(ret));
         free(req);

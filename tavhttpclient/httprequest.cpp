@@ -23,7 +23,7 @@
 
 // One preparation on the worker pool; `work.data` is the session.
 struct init_upload_work {
-    uv_work_t work;
+    worker_step work;
     uint32_t result;
 };
 
@@ -160,7 +160,7 @@ static uint32_t _http_request_send_data(http_session* session, const char* bytes
 // ------------------------------------------------------------------------------ preparation
 
 // Worker thread. From _start_init_upload_data; next _after_work_init_upload_data.
-static void _work_init_upload_data(uv_work_t* req) {
+static void _work_init_upload_data(worker_step* req) {
     init_upload_work* work = (init_upload_work*)req;
     work->result = http_request_prepare((http_session*)req->data);
 }
@@ -200,7 +200,7 @@ static void _on_send_request_header_result(http_connection* conn, void* user, ui
 }
 
 // Loop thread. From _work_init_upload_data; next _on_send_request_header_result.
-static void _after_work_init_upload_data(uv_work_t* req, int status) {
+static void _after_work_init_upload_data(worker_step* req, int status) {
     init_upload_work* work = (init_upload_work*)req;
     http_session* session = (http_session*)req->data;
     uint32_t err = work->result;
@@ -243,8 +243,7 @@ static uint32_t _start_init_upload_data(http_session* session) {
         return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
     }
     work->work.data = session;
-    int ret =
-        uv_queue_work(loop, &work->work, _work_init_upload_data, _after_work_init_upload_data);
+    int ret = queue_worker_step(&work->work, _work_init_upload_data, _after_work_init_upload_data);
     if (!LOG_ASSERT(ret == 0)) {
         LOG_INFO("_start_init_upload_data, uv_queue_work failed, id=%d.", (int)session->id);
         free(work);
@@ -349,10 +348,11 @@ static void _on_send_upload_item_content_result(http_connection* conn, void* use
     _send_upload_item_content(session);
 }
 
-// Loop thread. From _read_file_content; next _on_send_upload_item_content_result.
-static void _on_read_request_data_result(uv_fs_t* req) {
-    http_session* session = (http_session*)req->data;
-    int result = (int)req->result;
+// Loop thread. From _work_read_file; next _on_send_upload_item_content_result.
+static void _on_read_request_data_result(worker_step* step, int status) {
+    http_session* session = (http_session*)step->data;
+    uv_fs_t* req = &session->request->read_req;
+    int result = status != 0 ? status : (int)req->result;
     uint32_t id = session->id;
     uv_fs_req_cleanup(req);
 
@@ -383,6 +383,18 @@ static int32_t _chunk_size(int64_t remaining) {
     return remaining < UPLOAD_CHUNK_SIZE ? (int32_t)remaining : UPLOAD_CHUNK_SIZE;
 }
 
+// Worker thread. From _start_read_file; next _on_read_request_data_result.
+static void _work_read_file(worker_step* step) {
+    http_session* session = (http_session*)step->data;
+    http_request* request = session->request;
+    const upload_item* item = _first_item(request);
+    int32_t count = _chunk_size(item->file_size - request->item_offset);
+    uv_buf_t buffer = uv_buf_init(request->read_buffer.data, (unsigned)count);
+    int ret = uv_fs_read(nullptr, &request->read_req, _fileno(item->file), &buffer, 1,
+                         request->item_offset, nullptr);
+    request->read_req.result = ret;  // Some failures are only returned.
+}
+
 // Starts the read of the next chunk. Never more than was announced, even if the file has grown:
 // the surplus would be taken for the beginning of the next request.
 static uint32_t _start_read_file(http_session* session, upload_item* item) {
@@ -397,10 +409,8 @@ static uint32_t _start_read_file(http_session* session, upload_item* item) {
         return TAV_HTTP_ERROR_CODE_NULL_EVENT_LOOP;
     }
     memset(&request->read_req, 0, sizeof(request->read_req));
-    request->read_req.data = session;
-    uv_buf_t buffer = uv_buf_init(request->read_buffer.data, (unsigned)count);
-    int ret = uv_fs_read(loop, &request->read_req, _fileno(item->file), &buffer, 1,
-                         request->item_offset, _on_read_request_data_result);
+    request->read_step.data = session;
+    int ret = queue_worker_step(&request->read_step, _work_read_file, _on_read_request_data_result);
     if (ret < 0) {
         LOG_INFO("_send_upload_item_content, uv_fs_read failed, id=%d", (int)session->id);
         return TAV_HTTP_ERROR_CODE_FAIL_READ_UPLOAD_FILE;

@@ -11,6 +11,7 @@
 #include "tavhttpclient/list.h"
 #include "tavhttpclient/tavhttpclient.h"
 #include "tavhttpclient/util.h"
+#include "tavhttpclient/worker.h"
 
 struct http_options;
 
@@ -83,6 +84,7 @@ struct http_request {
     int64_t sent_bytes;
     int64_t total_bytes;  // head and announced body
     uv_fs_t read_req;
+    worker_step read_step;  // on which it runs; data: the session
 };
 
 http_request* new_http_request(http_session* session);

@@ -146,17 +146,17 @@ static void _drop_closed_connection(http_session* session) {
     session->connection = nullptr;
 }
 
-static void _work_parse_response(uv_work_t* req);
-static void _after_work_parse_response(uv_work_t* req, int status);
+static void _work_parse_response(worker_step* req);
+static void _after_work_parse_response(worker_step* req, int status);
 
 static bool _start_parse_response_work(http_session* session) {
     uv_loop_t* loop = get_uv_loop();
     if (!LOG_ASSERT(loop != nullptr)) {
         return false;
     }
-    uv_work_t* work = &session->response->parse_work;
+    worker_step* work = &session->response->parse_work;
     work->data = session;
-    return uv_queue_work(loop, work, _work_parse_response, _after_work_parse_response) == 0;
+    return queue_worker_step(work, _work_parse_response, _after_work_parse_response) == 0;
 }
 
 // Loop thread. From _start_recv_response; next _work_parse_response.
@@ -220,7 +220,7 @@ static void _report_response_header(http_session* session) {
 }
 
 // Worker thread. From _on_recv_response_result; next _after_work_parse_response.
-static void _work_parse_response(uv_work_t* req) {
+static void _work_parse_response(worker_step* req) {
     http_session* session = (http_session*)req->data;
     http_response* response = session->response;
     const text_buffer* buffer = &response->recv_buffer;
@@ -242,8 +242,8 @@ static bool _is_body_skipped(const http_session* session) {
     return status == STATUS_NOT_MODIFIED || status == STATUS_RANGE_NOT_SATISFIABLE;
 }
 
-static void _work_write_body(uv_work_t* req);
-static void _after_work_write_body(uv_work_t* req, int status);
+static void _work_write_body(worker_step* req);
+static void _after_work_write_body(worker_step* req, int status);
 
 static uint32_t _start_write_body(http_session* session) {
     uv_loop_t* loop = get_uv_loop();
@@ -252,13 +252,13 @@ static uint32_t _start_write_body(http_session* session) {
     }
     session->work_result = TAV_HTTP_ERROR_CODE_OK;
     session->work_req.data = session;
-    int ret = uv_queue_work(loop, &session->work_req, _work_write_body, _after_work_write_body);
+    int ret = queue_worker_step(&session->work_req, _work_write_body, _after_work_write_body);
     return ret == 0 ? TAV_HTTP_ERROR_CODE_OK : TAV_HTTP_ERROR_CODE_FAIL_QUEUE_WORK;
 }
 
 // Loop thread. From _work_parse_response; next _work_write_body, or _on_write_body_finish when the
 // body is skipped.
-static void _after_work_parse_response(uv_work_t* req, int status) {
+static void _after_work_parse_response(worker_step* req, int status) {
     http_session* session = (http_session*)req->data;
     uint32_t id = session->id;
     if (status != 0) {
@@ -293,13 +293,13 @@ static void _after_work_parse_response(uv_work_t* req, int status) {
 // ------------------------------------------------------------------------------------ writing
 
 // Worker thread. From _after_work_parse_response; next _after_work_write_body.
-static void _work_write_body(uv_work_t* req) {
+static void _work_write_body(worker_step* req) {
     http_session* session = (http_session*)req->data;
     session->work_result = write_response_body(session);
 }
 
 // Loop thread. From _work_write_body; next _on_write_body_finish.
-static void _after_work_write_body(uv_work_t* req, int status) {
+static void _after_work_write_body(worker_step* req, int status) {
     http_session* session = (http_session*)req->data;
     if (_check_cancel_and_notify(session)) {
         return;

@@ -14,6 +14,7 @@
 #include "tavhttpclient/message_parser.h"
 #include "tavhttpclient/tavhttpclient.h"
 #include "tavhttpclient/util.h"
+#include "tavhttpclient/worker.h"
 
 // Values of http_response.recv_state.
 enum {
@@ -79,7 +80,7 @@ struct http_response {
     content_decoder decoder;
     response_parser* parser;
     uint32_t recv_state;
-    uv_work_t parse_work;
+    worker_step parse_work;
     uint32_t result;
 };
 

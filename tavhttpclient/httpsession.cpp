@@ -354,8 +354,19 @@ void _on_async_start_connect(http_session* session) {
     _on_async_connect(session);
 }
 
+// The worker pool takes no work.
+static void _fail_notify_connecting(http_session* session) {
+    LOG_ERROR("_on_async_connect, uv_queue_work failed, id=%u", session->id);
+    _notify_download_complete(session, TAV_HTTP_ERROR_CODE_FAIL_QUEUE_WORK);
+}
+
+static void _fail_notify_connected(http_session* session) {
+    LOG_ERROR("_on_http_connect_result, uv_queue_work failed, id=%u", session->id);
+    _notify_download_complete(session, TAV_HTTP_ERROR_CODE_FAIL_QUEUE_WORK);
+}
+
 // Worker thread. From _on_async_connect; next _after_work_notify_connecting.
-static void _work_notify_connecting(uv_work_t* work) {
+static void _work_notify_connecting(worker_step* work) {
     http_session* session = (http_session*)work->data;
     if (session->connecting_cb != nullptr && session_may_call_host(session)) {
         session->connecting_cb(session, session->user_data, session->request->url);
@@ -383,9 +394,13 @@ static void _start_connect(http_session* session) {
     session->perf->connect.start = GetTickCount();
 }
 
-static void _after_work_notify_connecting(uv_work_t* work, int status) {
-    (void)status;
-    _start_connect((http_session*)work->data);
+static void _after_work_notify_connecting(worker_step* work, int status) {
+    http_session* session = (http_session*)work->data;
+    if (status != 0) {
+        _fail_notify_connecting(session);
+        return;
+    }
+    _start_connect(session);
 }
 
 // Loop thread. From _on_async_start_connect; next _after_work_notify_connecting.
@@ -401,15 +416,14 @@ static void _on_async_connect(http_session* session) {
         _start_connect(session);
         return;
     }
-    if (uv_queue_work(loop, &session->work_req, _work_notify_connecting,
-                      _after_work_notify_connecting) != 0) {
-        LOG_ERROR("_on_async_connect, uv_queue_work failed, id=%u", session->id);
-        _notify_download_complete(session, TAV_HTTP_ERROR_CODE_FAIL_QUEUE_WORK);
+    if (queue_worker_step(&session->work_req, _work_notify_connecting,
+                          _after_work_notify_connecting) != 0) {
+        _fail_notify_connecting(session);
     }
 }
 
 // Worker thread. From _on_http_connect_result; next _after_work_notify_connected.
-static void _work_notify_connected(uv_work_t* work) {
+static void _work_notify_connected(worker_step* work) {
     http_session* session = (http_session*)work->data;
     char address[64];
     sockaddr_to_text((const struct sockaddr*)&session->connection->peer_addr, address);
@@ -435,9 +449,13 @@ static void _start_send(http_session* session) {
     }
 }
 
-static void _after_work_notify_connected(uv_work_t* work, int status) {
-    (void)status;
-    _start_send((http_session*)work->data);
+static void _after_work_notify_connected(worker_step* work, int status) {
+    http_session* session = (http_session*)work->data;
+    if (status != 0) {
+        _fail_notify_connected(session);
+        return;
+    }
+    _start_send(session);
 }
 
 // Loop thread. From _on_http_connect_result; next _after_work_notify_connected.
@@ -453,10 +471,9 @@ static void _notify_connected(http_session* session) {
         _start_send(session);
         return;
     }
-    if (uv_queue_work(loop, &session->work_req, _work_notify_connected,
-                      _after_work_notify_connected) != 0) {
-        LOG_ERROR("_on_http_connect_result, uv_queue_work failed, id=%u", session->id);
-        _notify_download_complete(session, TAV_HTTP_ERROR_CODE_FAIL_QUEUE_WORK);
+    if (queue_worker_step(&session->work_req, _work_notify_connected,
+                          _after_work_notify_connected) != 0) {
+        _fail_notify_connected(session);
     }
 }
 

@@ -19,6 +19,7 @@
 #include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/list.h"
 #include "tavhttpclient/tavhttpclient.h"
+#include "tavhttpclient/worker.h"
 
 // Start and end of a phase, tick counts in ms; start 0: never began, end 0: not ended.
 struct perf_pair {
@@ -80,7 +81,7 @@ struct http_session {
     int32_t running_priority;
     struct sockaddr_storage peer_address;
     perf_times* perf;
-    uv_work_t work_req;    // its data is the session
+    worker_step work_req;  // its data is the session
     uint32_t work_result;  // of the last worker step of a send or receive
     void (*on_send_result)(http_session* session, uint32_t code);
     void (*on_recv_result)(http_session* session, uint32_t code);

@@ -14,6 +14,7 @@
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
 #include "tavhttpclient/util.h"
+#include "tavhttpclient/worker.h"
 
 enum {
     MAX_RETRY_COUNT = 1,
@@ -29,7 +30,7 @@ enum {
 // The completion on its way through the worker pool. The task and its hook are taken out of the
 // session before the host is told.
 struct complete_work {
-    uv_work_t req;
+    worker_step req;
     http_session* session;
     void* task;
     void (*release_hook)(void* task);
@@ -155,36 +156,37 @@ static void _take_release(http_session* session, void** task, void (**hook)(void
 }
 
 // Worker thread. From _notify_download_complete; next _after_work_notify_download_complete.
-static void _work_notify_download_complete(uv_work_t* req) {
+static void _work_notify_download_complete(worker_step* req) {
     complete_work* work = (complete_work*)req->data;
     _take_release(work->session, &work->task, &work->release_hook);
     _internal_notify_download_complete(work->session);
 }
 
-// Loop thread. From _work_notify_download_complete; the session's last step.
-static void _after_work_notify_download_complete(uv_work_t* req, int status) {
-    (void)status;
-    complete_work* work = (complete_work*)req->data;
-    http_session* session = work->session;
-    void* task = work->task;
-    void (*release_hook)(void* task) = work->release_hook;
-    free(work);
+static void _end_flight(http_session* session, void* task, void (*release_hook)(void* task)) {
     end_session_flight(session);
     if (release_hook != nullptr) {
         release_hook(task);
     }
 }
 
-// The same on the loop thread, when the worker pool cannot be used.
+// On the loop thread, when the worker pool cannot be used.
 static void _notify_complete_directly(http_session* session) {
     void* task;
     void (*release_hook)(void* task);
     _take_release(session, &task, &release_hook);
     _internal_notify_download_complete(session);
-    end_session_flight(session);
-    if (release_hook != nullptr) {
-        release_hook(task);
+    _end_flight(session, task, release_hook);
+}
+
+// Loop thread. From _work_notify_download_complete; the session's last step.
+static void _after_work_notify_download_complete(worker_step* req, int status) {
+    complete_work* work = (complete_work*)req->data;
+    if (status != 0) {
+        _notify_complete_directly(work->session);
+    } else {
+        _end_flight(work->session, work->task, work->release_hook);
     }
+    free(work);
 }
 
 static bool _queue_complete_notification(http_session* session) {
@@ -196,8 +198,8 @@ static bool _queue_complete_notification(http_session* session) {
     }
     work->session = session;
     work->req.data = work;
-    if (uv_queue_work(loop, &work->req, _work_notify_download_complete,
-                      _after_work_notify_download_complete) != 0) {
+    if (queue_worker_step(&work->req, _work_notify_download_complete,
+                          _after_work_notify_download_complete) != 0) {
         free(work);
         return false;
     }
@@ -331,7 +333,7 @@ static void _start_redirect(http_session* session) {
 }
 
 // Worker thread. From _async_notify_redirect; next _after_work_notify_redirect.
-static void _work_notify_redirect(uv_work_t* work) {
+static void _work_notify_redirect(worker_step* work) {
     http_session* session = (http_session*)work->data;
     if (session == nullptr) {
         LOG_ERROR("_work_notify_redirect, session is null.");
@@ -349,7 +351,7 @@ static void _work_notify_redirect(uv_work_t* work) {
 }
 
 // Loop thread. From _work_notify_redirect; next _start_redirect.
-static void _after_work_notify_redirect(uv_work_t* work, int status) {
+static void _after_work_notify_redirect(worker_step* work, int status) {
     http_session* session = (http_session*)work->data;
     if (!LOG_ASSERT(status >= 0)) {
         LOG_ERROR("_after_work_notify_download_complete, failed, status=%d", status);
@@ -375,8 +377,8 @@ static void _async_notify_redirect(http_session* session) {
         _start_redirect(session);
         return;
     }
-    if (!LOG_ASSERT(uv_queue_work(loop, &session->work_req, _work_notify_redirect,
-                                  _after_work_notify_redirect) == 0)) {
+    if (!LOG_ASSERT(queue_worker_step(&session->work_req, _work_notify_redirect,
+                                      _after_work_notify_redirect) == 0)) {
         LOG_ERROR("_async_notify_redirect, uv_queue_work failed, id=%d", (int32_t)session->id);
         _notify_download_complete(session, TAV_HTTP_ERROR_CODE_FAIL_QUEUE_WORK);
     }

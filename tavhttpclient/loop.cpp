@@ -15,6 +15,7 @@
 #include "tavhttpclient/netbasehttp.h"
 #include "tavhttpclient/taskmgr.h"
 #include "tavhttpclient/uvhelper.h"
+#include "tavhttpclient/worker.h"
 
 // A call that async_run deferred.
 struct async_call {
@@ -187,7 +188,11 @@ static bool _unqueue_call(event_loop* loop, queued_call* call) {
 static bool _queue_call(event_loop* loop, queued_call* call) {
     uv_mutex_lock(&loop->queue_mutex);
     list_insert_front(&loop->queue, &call->link);
+    loop->has_calls.store(1);
     uv_mutex_unlock(&loop->queue_mutex);
+    if (!loop_thread_sleeps()) {
+        return true;
+    }
     // Without its own wake-up the call may still have been served by an earlier one.
     return uv_async_send(loop->run_async) == 0 || !_unqueue_call(loop, call);
 }
@@ -219,9 +224,20 @@ bool async_run_safe(loop_function function, void* argument) {
     return async_run_safe_or_drop(function, argument, nullptr);
 }
 
+bool has_queued_calls(void) {
+    return own_loop->has_calls.load() != 0;
+}
+
+bool has_deferred_calls(void) {
+    return !list_empty(&own_loop->deferred) || !list_empty(&own_loop->due);
+}
+
 // Loop thread. From async_run_safe; one wake-up may serve many calls.
-static void _on_async_run_safe(uv_async_t* async) {
-    event_loop* loop = (event_loop*)async->data;
+void run_queued_calls(void) {
+    event_loop* loop = own_loop;
+    if (!has_queued_calls()) {
+        return;
+    }
     list_link calls;
     list_init(&calls);
 
@@ -230,6 +246,7 @@ static void _on_async_run_safe(uv_async_t* async) {
     while (list_link* entry = list_take_first(&loop->queue)) {
         list_insert_front(&calls, entry);
     }
+    loop->has_calls.store(0);
     uv_mutex_unlock(&loop->queue_mutex);
 
     while (list_link* entry = list_take_first(&calls)) {
@@ -237,6 +254,11 @@ static void _on_async_run_safe(uv_async_t* async) {
         call->function(call->argument);
         free(call);
     }
+}
+
+static void _on_async_run_safe(uv_async_t* async) {
+    (void)async;
+    run_queued_calls();
 }
 
 // ------------------------------------------------------------------------------------ the stop
@@ -249,6 +271,7 @@ static void _uninit_flow_finish(event_loop* loop) {
 
 // Frees the calls that are still queued. No producer can reach the queue any more.
 static void _drop_queued_calls(event_loop* loop) {
+    loop->has_calls.store(0);
     list_link calls;
     list_init(&calls);
     while (list_link* entry = list_take_first(&loop->queue)) {
@@ -348,7 +371,8 @@ static bool _init_loop(event_loop* loop) {
     loop->run_async = _new_async(loop, _on_async_run_safe);
     list_init(&loop->queue);
     loop->has_mutex = uv_mutex_init(&loop->queue_mutex) == 0 ? 1 : 0;
-    return stop_async != nullptr && loop->run_async != nullptr && loop->has_mutex != 0;
+    return stop_async != nullptr && loop->run_async != nullptr && loop->has_mutex != 0 &&
+           init_workers(loop->loop);
 }
 
 // What a failed start leaves; a stop has released all of it.
@@ -404,6 +428,7 @@ static void _drain_loop(event_loop* record) {
         hung_lookups = uv_connect_abandon_lookups();
         uv_sleep(1);
     }
+    uninit_workers();
     _close_calls(record);
     LOG_ASSERT(_open_handles(loop) == 0);
 }

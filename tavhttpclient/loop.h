@@ -32,8 +32,9 @@ struct event_loop {
     std::atomic<uv_async_t*> stop_async;  // wakes the loop for the stop; null once that has begun
     uv_async_t* run_async;                // wakes the loop to run `queue`
     uv_mutex_t queue_mutex;
-    uint8_t has_mutex;   // queue_mutex was made
-    list_link queue;     // queued_call entries, newest at the front
+    uint8_t has_mutex;               // queue_mutex was made
+    list_link queue;                 // queued_call entries, newest at the front
+    std::atomic<uint8_t> has_calls;  // in `queue`, to be looked at without the mutex
     list_link deferred;  // async_call entries made since the turn's poll began; loop thread only
     list_link due;       // async_call entries to run behind the turn's poll
     uv_idle_t idle;      // both active while calls wait: a poll with nothing to report returns
@@ -63,6 +64,12 @@ bool async_run(loop_function function, void* argument);
 bool async_run_safe(loop_function function, void* argument);
 // The same, but a dropped call runs `on_drop(argument)` on the loop thread instead.
 bool async_run_safe_or_drop(loop_function function, void* argument, loop_function on_drop);
+
+// Runs the calls that async_run_safe queued so far. Loop thread.
+void run_queued_calls(void);
+bool has_queued_calls(void);
+// Calls that async_run deferred wait for the next turn.
+bool has_deferred_calls(void);
 
 // The end of a stop: called by the task manager, with the context that the stop gave it, on the
 // loop thread once no task is left.

@@ -34,6 +34,7 @@
 #include "tavhttpclient/loop.h"
 #include "tavhttpclient/netbasehttp.h"
 #include "tavhttpclient/util.h"
+#include "tavhttpclient/worker.h"
 
 enum {
     TLS_BUFFER_SIZE = 32768,
@@ -53,12 +54,12 @@ typedef void (*pending_io_callback)(http_connection* conn, uint32_t status);
 struct tls_state {
     SSL* ssl;
     SSL_CTX* ctx;
-    BIO* rbio;            // network to engine; owned by `ssl` once attached
-    BIO* wbio;            // engine to network; likewise
-    text_buffer out_buf;  // one chunk of encrypted bytes on its way out
-    text_buffer in_buf;   // encrypted bytes that were received
-    uv_work_t work_req;   // data: the connection
-    int32_t last_result;  // of the last engine call
+    BIO* rbio;             // network to engine; owned by `ssl` once attached
+    BIO* wbio;             // engine to network; likewise
+    text_buffer out_buf;   // one chunk of encrypted bytes on its way out
+    text_buffer in_buf;    // encrypted bytes that were received
+    worker_step work_req;  // data: the connection
+    int32_t last_result;   // of the last engine call
     pending_io_callback pending_io_cb;
 
     // What the callers lent for the pending operation.
@@ -303,13 +304,13 @@ static bool _run_held(http_connection* conn, loop_function step) {
     return false;
 }
 
-static bool _queue_held(uv_loop_t* loop, http_connection* conn, uv_work_cb work,
-                        uv_after_work_cb after_work) {
-    uv_work_t* request = &conn->tls->work_req;
+static bool _queue_held(http_connection* conn, worker_function work,
+                        after_worker_function after_work) {
+    worker_step* request = &conn->tls->work_req;
     memset(request, 0, sizeof(*request));
     request->data = conn;
     http_connection_hold(conn);
-    if (uv_queue_work(loop, request, work, after_work) == 0) {
+    if (queue_worker_step(request, work, after_work) == 0) {
         return true;
     }
     http_connection_release(conn);
@@ -419,14 +420,14 @@ static void _on_handshake_io(http_connection* conn, uint32_t status) {
 }
 
 // Worker thread. From _https_connect; next _after_work_ssl_connct.
-static void _work_ssl_connect(uv_work_t* request) {
+static void _work_ssl_connect(worker_step* request) {
     tls_state* state = ((http_connection*)request->data)->tls;
     ERR_clear_error();
     _keep_result(state, SSL_connect(state->ssl));
 }
 
 // Loop thread. From _work_ssl_connect; next _on_handshake_io.
-static void _after_work_ssl_connct(uv_work_t* request, int status) {
+static void _after_work_ssl_connct(worker_step* request, int status) {
     http_connection* conn = (http_connection*)request->data;
     if (!http_connection_release(conn)) {
         return;
@@ -453,7 +454,7 @@ static void _https_connect(void* argument) {
     if (loop == nullptr) {
         LOG_ERROR("_https_connect, get_uv_loop failed.");
         _notify_https_connect_result(conn, TAV_HTTP_ERROR_CODE_NULL_EVENT_LOOP);
-    } else if (!_queue_held(loop, conn, _work_ssl_connect, _after_work_ssl_connct)) {
+    } else if (!_queue_held(conn, _work_ssl_connect, _after_work_ssl_connct)) {
         LOG_ERROR("_https_connect, uv_queue_work failed.");
         _notify_https_connect_result(conn, TAV_HTTP_ERROR_CODE_FAIL_QUEUE_WORK);
     }
@@ -484,14 +485,14 @@ static uint32_t _start_https_connect(http_connection* conn, http_connect_cb call
 // ---------------------------------------------------------------------------------------- send
 
 // Worker thread. From _https_send; next _after_work_ssl_write.
-static void _work_ssl_write(uv_work_t* request) {
+static void _work_ssl_write(worker_step* request) {
     tls_state* state = ((http_connection*)request->data)->tls;
     ERR_clear_error();
     _keep_result(state, SSL_write(state->ssl, state->send_data, state->send_len));
 }
 
 // Loop thread. From _work_ssl_write; next _notify_https_send_result.
-static void _after_work_ssl_write(uv_work_t* request, int status) {
+static void _after_work_ssl_write(worker_step* request, int status) {
     http_connection* conn = (http_connection*)request->data;
     if (!http_connection_release(conn)) {
         return;
@@ -523,7 +524,7 @@ static void _https_send(void* argument) {
     if (loop == nullptr) {
         LOG_ERROR("_https_send, get_uv_loop failed.");
         _notify_https_send_result(conn, TAV_HTTP_ERROR_CODE_NULL_EVENT_LOOP);
-    } else if (!_queue_held(loop, conn, _work_ssl_write, _after_work_ssl_write)) {
+    } else if (!_queue_held(conn, _work_ssl_write, _after_work_ssl_write)) {
         LOG_ERROR("_https_send, uv_queue_work failed.");
         _notify_https_send_result(conn, TAV_HTTP_ERROR_CODE_FAIL_QUEUE_WORK);
     }
@@ -563,7 +564,7 @@ static void _on_ssl_read_io(http_connection* conn, uint32_t status) {
 }
 
 // Worker thread. From _https_recv; next _after_work_ssl_read.
-static void _work_ssl_read(uv_work_t* request) {
+static void _work_ssl_read(worker_step* request) {
     tls_state* state = ((http_connection*)request->data)->tls;
     int size = state->recv_size > INT32_MAX ? INT32_MAX : (int)state->recv_size;
     state->recv_len = 0;
@@ -572,7 +573,7 @@ static void _work_ssl_read(uv_work_t* request) {
 }
 
 // Loop thread. From _work_ssl_read; next _on_ssl_read_io.
-static void _after_work_ssl_read(uv_work_t* request, int status) {
+static void _after_work_ssl_read(worker_step* request, int status) {
     http_connection* conn = (http_connection*)request->data;
     if (!http_connection_release(conn)) {
         return;
@@ -603,7 +604,7 @@ static void _https_recv(void* argument) {
     if (loop == nullptr) {
         LOG_ERROR("_https_recv, get_uv_loop failed.");
         _notify_https_recv_result(conn, TAV_HTTP_ERROR_CODE_NULL_EVENT_LOOP);
-    } else if (!_queue_held(loop, conn, _work_ssl_read, _after_work_ssl_read)) {
+    } else if (!_queue_held(conn, _work_ssl_read, _after_work_ssl_read)) {
         LOG_ERROR("_https_recv, uv_queue_work failed.");
         _notify_https_recv_result(conn, TAV_HTTP_ERROR_CODE_FAIL_QUEUE_WORK);
     }

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <future>
 
 namespace {
 
@@ -448,16 +449,22 @@ body_function cancelled() {
     };
 }
 
-// Closed, or left to the shut-down, while the server has said half of its answer.
+// Closed, or left to the shut-down, while the server has said half of its answer. The server hangs
+// up in the end: a receive whose timer could not be started waits for that.
 body_function in_flight(bool close) {
-    auto server = serve(script{expect_request(), send_text(response(200, "body").substr(0, 30))});
-    return [server, close](fault_run& run) {
-        std::size_t before = server->request_count();
+    auto hang_up = std::make_shared<std::future<void>>();
+    return [close, hang_up](fault_run& run) {
+        auto server = serve(
+            script{expect_request(), send_text(response(200, "body").substr(0, 30)), stall()});
+        *hang_up = std::async(std::launch::async, [server] {
+            server->wait_for_requests(2, milliseconds(60));
+            server->release();
+        });
         attempt* one = run.open(server->url());
         if (one == nullptr || !run.set(one, TAV_HTTP_OPTION_IO_TIMEOUT, 30) || !run.send(one)) {
             return;
         }
-        server->wait_for_requests(before + 1, milliseconds(50));
+        server->wait_for_requests(1, milliseconds(50));
         if (close) {
             run.close(one);
         }

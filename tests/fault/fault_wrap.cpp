@@ -18,6 +18,8 @@
 #include <atomic>
 #include <cerrno>
 
+#include "tavhttpclient/worker.h"
+
 namespace {
 
 constexpr int trace_depth = 24;
@@ -164,6 +166,15 @@ WRAP(int, uv_timer_start,
 WRAP(int, uv_queue_work,
      (uv_loop_t * loop, uv_work_t* work, uv_work_cb callback, uv_after_work_cb after),
      (loop, work, callback, after), UV_ENOMEM)
+// Most steps find a worker waiting, so that the pool's refusal above is met by few of them.
+extern "C" int
+__wrap__Z17queue_worker_stepP11worker_stepPFvS0_EPFvS0_iE(worker_step* step, worker_function work,
+                                                          after_worker_function after);
+extern "C" int
+__wrap__Z17queue_worker_stepP11worker_stepPFvS0_EPFvS0_iE(worker_step* step, worker_function work,
+                                                          after_worker_function after) {
+    return fails("queue_worker_step") ? UV_ENOMEM : queue_worker_step(step, work, after);
+}
 WRAP(int, uv_cancel, (uv_req_t * request), (request), UV_EBUSY)
 WRAP(int, uv_getaddrinfo,
      (uv_loop_t * loop, uv_getaddrinfo_t* request, uv_getaddrinfo_cb callback, const char* node,
