@@ -19,6 +19,7 @@
 #include "tavhttpclient/loop.h"
 
 enum {
+    MAX_SPARE_BUFFERS = 8,
     STATUS_NOT_MODIFIED = 304,
     STATUS_RANGE_NOT_SATISFIABLE = 416
 };
@@ -100,6 +101,35 @@ response_header* find_response_header(http_response* response, const char* name,
 bool is_body_wanted(http_session* session) {
     uint32_t status = session->response->status_code;
     return status == 200 || status == 206 || session->options->keep_error_body != 0;
+}
+
+// -------------------------------------------------------------------------- receive buffers
+
+// Loop thread. A buffer is needed from the first read of a response to its end, so that a few serve
+// all; a completed session that the host keeps has none.
+static text_buffer spare_buffers[MAX_SPARE_BUFFERS];
+static int32_t spare_count = 0;
+
+static bool _take_recv_buffer(text_buffer* buffer) {
+    if (buffer->data == nullptr && spare_count > 0) {
+        *buffer = spare_buffers[--spare_count];
+    }
+    return text_buffer_reserve(buffer, RECV_BUFFER_SIZE);
+}
+
+static void _give_back_recv_buffer(text_buffer* buffer) {
+    if (buffer->data == nullptr || spare_count == MAX_SPARE_BUFFERS) {
+        text_buffer_release(buffer);
+        return;
+    }
+    spare_buffers[spare_count++] = *buffer;
+    memset(buffer, 0, sizeof(*buffer));
+}
+
+void free_spare_recv_buffers(void) {
+    while (spare_count > 0) {
+        text_buffer_release(&spare_buffers[--spare_count]);
+    }
 }
 
 // ---------------------------------------------------------------------------------- receiving
@@ -195,7 +225,7 @@ static uint32_t _start_recv_response(http_session* session) {
         return TAV_HTTP_ERROR_CODE_FAIL_OTHER;
     }
     text_buffer* buffer = &session->response->recv_buffer;
-    if (!text_buffer_reserve(buffer, RECV_BUFFER_SIZE)) {
+    if (!_take_recv_buffer(buffer)) {
         return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
     }
     return conn->recv(conn, session, buffer->data, (uint32_t)buffer->capacity,
@@ -538,6 +568,7 @@ static void _finish_recv_response(http_session* session) {
     void (*handler)(http_session*, uint32_t) = session->on_recv_result;
     uint32_t result = session->response->result;
     session->on_recv_result = nullptr;
+    _give_back_recv_buffer(&session->response->recv_buffer);
     if (handler != nullptr) {
         handler(session, result);
     }

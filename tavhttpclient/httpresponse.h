@@ -94,6 +94,9 @@ uint32_t http_recv_response(http_session* session);
 // asynchronously there, at once elsewhere).
 void free_http_response(http_response* response);
 
+// Frees the receive buffers that are kept for the next responses. Loop thread, at its end.
+void free_spare_recv_buffers(void);
+
 // Next header line of that name, ignoring case, behind `after` (null: the first); null without one.
 response_header* find_response_header(http_response* response, const char* name,
                                       response_header* after);

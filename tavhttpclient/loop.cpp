@@ -10,6 +10,7 @@
 #include "tavhttpclient/cookiemgr.h"
 #include "tavhttpclient/httpconnect.h"
 #include "tavhttpclient/httpinit.h"
+#include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/httpsession.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/netbasehttp.h"
@@ -224,18 +225,9 @@ bool async_run_safe(loop_function function, void* argument) {
     return async_run_safe_or_drop(function, argument, nullptr);
 }
 
-bool has_queued_calls(void) {
-    return own_loop->has_calls.load() != 0;
-}
-
-bool has_deferred_calls(void) {
-    return !list_empty(&own_loop->deferred) || !list_empty(&own_loop->due);
-}
-
 // Loop thread. From async_run_safe; one wake-up may serve many calls.
-void run_queued_calls(void) {
-    event_loop* loop = own_loop;
-    if (!has_queued_calls()) {
+void run_queued_calls(event_loop* loop) {
+    if (!has_queued_calls(loop)) {
         return;
     }
     list_link calls;
@@ -257,8 +249,7 @@ void run_queued_calls(void) {
 }
 
 static void _on_async_run_safe(uv_async_t* async) {
-    (void)async;
-    run_queued_calls();
+    run_queued_calls((event_loop*)async->data);
 }
 
 // ------------------------------------------------------------------------------------ the stop
@@ -340,6 +331,7 @@ static bool _init_loop_modules(void) {
 }
 
 static void _uninit_loop_modules(void) {
+    free_spare_recv_buffers();
     tls_ops* tls = get_tls_ops();
     if (tls != nullptr && tls->tls_uninit != nullptr) {
         tls->tls_uninit();  // Harmless when a failed start has not initialised it.
@@ -372,7 +364,7 @@ static bool _init_loop(event_loop* loop) {
     list_init(&loop->queue);
     loop->has_mutex = uv_mutex_init(&loop->queue_mutex) == 0 ? 1 : 0;
     return stop_async != nullptr && loop->run_async != nullptr && loop->has_mutex != 0 &&
-           init_workers(loop->loop);
+           init_workers(loop);
 }
 
 // What a failed start leaves; a stop has released all of it.

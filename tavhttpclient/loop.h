@@ -66,10 +66,14 @@ bool async_run_safe(loop_function function, void* argument);
 bool async_run_safe_or_drop(loop_function function, void* argument, loop_function on_drop);
 
 // Runs the calls that async_run_safe queued so far. Loop thread.
-void run_queued_calls(void);
-bool has_queued_calls(void);
+void run_queued_calls(event_loop* loop);
+inline bool has_queued_calls(const event_loop* loop) {
+    return loop->has_calls.load() != 0;
+}
 // Calls that async_run deferred wait for the next turn.
-bool has_deferred_calls(void);
+inline bool has_deferred_calls(const event_loop* loop) {
+    return !list_empty(&loop->deferred) || !list_empty(&loop->due);
+}
 
 // The end of a stop: called by the task manager, with the context that the stop gave it, on the
 // loop thread once no task is left.

@@ -30,6 +30,7 @@ struct worker_visit {
 };
 
 struct worker_queue {
+    event_loop* owner;
     uv_loop_t* loop;
 
     uv_mutex_t mutex;   // guards these:
@@ -294,7 +295,7 @@ static void _on_prepare(uv_prepare_t* prepare) {
     _send_missing_workers(!looks);
     if (!looks) {
         queue.loop_sleeps.store(1);
-        looks = queue.results.load() != nullptr || has_queued_calls();
+        looks = queue.results.load() != nullptr || has_queued_calls(queue.owner);
     }
     if (looks) {
         queue.loop_sleeps.store(0);
@@ -308,7 +309,7 @@ static void _on_prepare(uv_prepare_t* prepare) {
 static void _on_check(uv_check_t* check) {
     (void)check;
     queue.loop_sleeps.store(0);
-    run_queued_calls();
+    run_queued_calls(queue.owner);
     int results = 0;
     for (int i = 0; i < SPINS && queue.in_flight > 0 && results < RESULTS_A_TURN; i++) {
         if (_run_results()) {
@@ -316,8 +317,8 @@ static void _on_check(uv_check_t* check) {
             results++;
             i = 0;
         }
-        run_queued_calls();
-        if (has_deferred_calls()) {
+        run_queued_calls(queue.owner);
+        if (has_deferred_calls(queue.owner)) {
             return;
         }
         YieldProcessor();
@@ -340,8 +341,9 @@ static int32_t _get_pool_size(void) {
     return size < MAX_POOL_SIZE ? size : MAX_POOL_SIZE;
 }
 
-static void _reset_queue(uv_loop_t* loop) {
-    queue.loop = loop;
+static void _reset_queue(event_loop* owner) {
+    queue.owner = owner;
+    queue.loop = owner->loop;
     list_init(&queue.waiting);
     queue.waiting_count = 0;
     queue.waiting_hint.store(0);
@@ -353,8 +355,9 @@ static void _reset_queue(uv_loop_t* loop) {
     queue.one_processor = uv_available_parallelism() == 1;
 }
 
-bool init_workers(uv_loop_t* loop) {
-    _reset_queue(loop);
+bool init_workers(event_loop* owner) {
+    uv_loop_t* loop = owner->loop;
+    _reset_queue(owner);
     if (uv_mutex_init(&queue.mutex) != 0) {
         return false;
     }

@@ -13,6 +13,7 @@
 
 #include "tavhttpclient/list.h"
 
+struct event_loop;
 struct worker_step;
 typedef void (*worker_function)(worker_step* step);
 typedef void (*after_worker_function)(worker_step* step, int status);
@@ -39,7 +40,7 @@ int queue_worker_step(worker_step* step, worker_function work, after_worker_func
 bool loop_thread_sleeps(void);
 
 // The module starts and ends with the loop; loop thread. False: out of memory or handles.
-bool init_workers(uv_loop_t* loop);
+bool init_workers(event_loop* owner);
 // Runs the loop until the pool has given back every worker, then closes the handles.
 void uninit_workers(void);
 
