@@ -12,7 +12,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "platform/win_text.h"
 #include "tavhttpclient/fs.h"
 #include "tavhttpclient/httpsession.h"
 #include "tavhttpclient/log.h"
@@ -80,22 +79,6 @@ void free_http_response(http_response* response) {
         _close_file_of_freed_response(response->recv_file_id);
     }
     free(response);
-}
-
-response_header* find_response_header(http_response* response, const char* name,
-                                      response_header* after) {
-    if (response == nullptr || response->header_list == nullptr || name == nullptr) {
-        return nullptr;
-    }
-    list_link* head = response->header_list;
-    list_link* link = after != nullptr ? after->link.next : head->next;
-    for (; link != head; link = link->next) {
-        response_header* header = (response_header*)link;
-        if (_stricmp(header->name, name) == 0) {
-            return header;
-        }
-    }
-    return nullptr;
 }
 
 bool is_body_wanted(http_session* session) {

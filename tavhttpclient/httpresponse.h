@@ -97,10 +97,6 @@ void free_http_response(http_response* response);
 // Frees the receive buffers that are kept for the next responses. Loop thread, at its end.
 void free_spare_recv_buffers(void);
 
-// Next header line of that name, ignoring case, behind `after` (null: the first); null without one.
-response_header* find_response_header(http_response* response, const char* name,
-                                      response_header* after);
-
 // Status 200 or 206, or the host asked for bodies of every status.
 bool is_body_wanted(http_session* session);
 
