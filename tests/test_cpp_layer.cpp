@@ -12,16 +12,16 @@
 
 namespace {
 
-using std::chrono::seconds;
+using std::chrono::milliseconds;
 using tavhttp::errc;
 using tavhttp::session_ref;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using options = tavhttp::session&;
 
-std::error_code no_answer() {
-    return tavhttp::make_error(not_completed);
-}
+constexpr auto get = tavhttp::method::get;
+constexpr errc invalid_arg = errc::TAV_HTTP_ERROR_CODE_INVALID_ARG;
 
 // Sends and waits for the outcome.
 std::error_code run(tavhttp::session& session) {
@@ -32,15 +32,10 @@ std::error_code run(tavhttp::session& session) {
         return sent;
     }
     std::future<std::error_code> result = done->get_future();
-    return result.wait_for(default_deadline) == std::future_status::ready ? result.get()
-                                                                          : no_answer();
+    return result.wait_for(default_deadline) == std::future_status::ready
+               ? result.get()
+               : tavhttp::make_error(not_completed);
 }
-
-script answer(const std::string& bytes) {
-    return {expect_request(), send_text(bytes)};
-}
-
-// ---------------------------------------------------------------------------------------- codes
 
 TEST(CppErrors, NameTheCode) {
     std::error_code code = errc::TAV_HTTP_ERROR_CODE_SVR_RETURN_ERROR;
@@ -54,10 +49,10 @@ TEST(CppErrors, NameTheCode) {
 TEST(CppErrors, EmptySessionRefusesEverything) {
     tavhttp::session session;
     EXPECT_FALSE(session);
-    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_INVALID_ARG, session.range(0, 9));
-    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_INVALID_ARG, session.on_complete({}));
-    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_INVALID_ARG, session.send());
-    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_INVALID_ARG, session.cancel());
+    EXPECT_EQ(invalid_arg, session.range(0, 9));
+    EXPECT_EQ(invalid_arg, session.on_complete({}));
+    EXPECT_EQ(invalid_arg, session.send());
+    EXPECT_EQ(invalid_arg, session.cancel());
     EXPECT_EQ(std::nullopt, session.status_code());
     EXPECT_EQ(std::nullopt, session.header("Server"));
     EXPECT_THAT(session.header_all("Server"), IsEmpty());
@@ -68,152 +63,104 @@ TEST(CppErrors, EmptySessionRefusesEverything) {
 
 TEST(CppOptions, EachHeadOptionWritesItsLine) {
     struct {
-        const char* what;
         std::error_code (*set)(tavhttp::session& session);
-        const char* line;
-        bool is_present;
+        std::string line;
     } cases[] = {
-        {"range above 32 bits", [](tavhttp::session& s) { return s.range(5000000000, 5000000009); },
-         "Range: bytes=5000000000-5000000009\r\n", true},
-        {"range to the end", [](tavhttp::session& s) { return s.range(7, -1); },
-         "Range: bytes=7-\r\n", true},
-        {"last bytes", [](tavhttp::session& s) { return s.range(0, -500); },
-         "Range: bytes=-500\r\n", true},
-        {"time above 32 bits", [](tavhttp::session& s) { return s.if_modified_since(4294967296); },
-         "If-Modified-Since: Sun, 07 Feb 2106 06:28:16 GMT\r\n", true},
-        {"tag", [](tavhttp::session& s) { return s.if_none_match("\"v1\""); },
-         "If-None-Match: \"v1\"\r\n", true},
-        {"tag cleared",
-         [](tavhttp::session& s) { return s.if_none_match("x"), s.if_none_match(nullptr); },
-         "If-None-Match", false},
-        {"cookie", [](tavhttp::session& s) { return s.cookie(std::string("a=1")); },
-         "Cookie: a=1\r\n", true},
-        {"accept", [](tavhttp::session& s) { return s.accept("text/html"); },
-         "Accept: text/html\r\n", true},
-        {"user agent", [](tavhttp::session& s) { return s.user_agent("probe"); },
-         "User-Agent: probe\r\n", true},
-        {"close", [](tavhttp::session& s) { return s.connection(tavhttp::connection_mode::close); },
-         "Connection: Close\r\n", true},
-        {"no compression", [](tavhttp::session& s) { return s.no_compression(); },
-         "Accept-Encoding: identity\r\n", true},
-        {"host", [](tavhttp::session& s) { return s.host("elsewhere"); }, "Host: elsewhere\r\n",
-         true},
-        {"cache control", [](tavhttp::session& s) { return s.cache_control("max-age=1"); },
-         "Cache-Control: max-age=1\r\n", true},
-        {"a percent sign is no format",
-         [](tavhttp::session& s) { return s.add_header("X-Rate", "100%s %n"); },
-         "X-Rate: 100%s %n\r\n", true},
+        {[](options s) { return s.range(5000000000, 5000000009); },
+         "Range: bytes=5000000000-5000000009\r\n"},
+        {[](options s) { return s.range(0, -500); }, "Range: bytes=-500\r\n"},
+        {[](options s) { return s.if_modified_since(4294967296); },
+         "If-Modified-Since: Sun, 07 Feb 2106 06:28:16 GMT\r\n"},
+        {[](options s) { return s.if_none_match("\"v1\""); }, "If-None-Match: \"v1\"\r\n"},
+        {[](options s) { return s.cookie(std::string("a=1")); }, "Cookie: a=1\r\n"},
+        {[](options s) { return s.accept("text/html"); }, "Accept: text/html\r\n"},
+        {[](options s) { return s.user_agent("probe"); }, "User-Agent: probe\r\n"},
+        {[](options s) { return s.connection(tavhttp::connection_mode::close); },
+         "Connection: Close\r\n"},
+        {[](options s) { return s.no_compression(); }, "Accept-Encoding: identity\r\n"},
+        {[](options s) { return s.host("elsewhere"); }, "Host: elsewhere\r\n"},
+        {[](options s) { return s.cache_control("max-age=1"); }, "Cache-Control: max-age=1\r\n"},
+        // A percent sign is no format.
+        {[](options s) { return s.add_header("X-Rate", "100%s %n"); }, "X-Rate: 100%s %n\r\n"},
     };
-    scripted_server server([](const received_request&) { return response(200, ""); });
+    scripted_server server(always(response(200, "")));
     tavhttp::library library;
-    std::size_t count = 0;
     for (const auto& each : cases) {
-        SCOPED_TRACE(each.what);
-        tavhttp::session session(tavhttp::method::get, server.url());
+        std::size_t count = server.request_count();
+        tavhttp::session session(get, server.url());
         EXPECT_FALSE(each.set(session));
-        run(session);
-        ASSERT_TRUE(server.wait_for_requests(++count));
-        std::string head = server.request(count - 1).raw;
-        EXPECT_EQ(each.is_present, head.find(each.line) != std::string::npos) << head;
+        EXPECT_FALSE(run(session));
+        EXPECT_THAT(server.request(count).raw, HasSubstr(each.line));
     }
+    tavhttp::session cleared(get, server.url());
+    cleared.if_none_match("x");
+    EXPECT_FALSE(cleared.if_none_match(nullptr));
+    EXPECT_FALSE(run(cleared));
+    EXPECT_FALSE(server.request(std::size(cases)).has_header("If-None-Match"));
 }
 
 TEST(CppOptions, RefusedValuesAreErrors) {
     tavhttp::library library;
-    tavhttp::session session(tavhttp::method::get, "http://127.0.0.1/");
-    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_INVALID_ARG, session.cookie(""));
-    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_INVALID_ARG, session.add_header("", "x"));
-    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_INVALID_ARG, session.add_form_field(nullptr, "x"));
+    tavhttp::session session(get, "http://127.0.0.1/");
+    EXPECT_EQ(invalid_arg, session.cookie(""));
+    EXPECT_EQ(invalid_arg, session.add_header("", "x"));
+    EXPECT_EQ(invalid_arg, session.add_form_field(nullptr, "x"));
     // More than the library can count: the bytes are not looked at.
     std::size_t too_many = std::size_t{1} << 31;
-    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_INVALID_ARG, session.append_body("x", too_many));
-    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_INVALID_ARG,
-              session.add_form_data("name", "x", too_many, "file"));
+    EXPECT_EQ(invalid_arg, session.append_body("x", too_many));
+    EXPECT_EQ(invalid_arg, session.add_form_data("name", "x", too_many, "file"));
 }
 
 TEST(CppOptions, RedirectsAndStoredCookies) {
     scripted_server server([](const received_request& request) {
-        if (request.target == "/old") {
-            return response(302, "", "Location: /new\r\nSet-Cookie: stored=1; Path=/\r\n");
-        }
-        return response(200, "", "Set-Cookie: stored=1; Path=/\r\n");
+        bool old = request.target == "/old";
+        return response(old ? 302 : 200, "", "Location: /new\r\nSet-Cookie: stored=1; Path=/\r\n");
     });
     tavhttp::library library;
-    tavhttp::session stay(tavhttp::method::get, server.url("/old"));
+    tavhttp::session stay(get, server.url("/old"));
     EXPECT_FALSE(stay.no_redirect());
     EXPECT_FALSE(stay.option_2(7));
     EXPECT_FALSE(run(stay));
     EXPECT_EQ(302u, stay.status_code());
 
-    struct {
-        const char* what;
-        void (*set)(tavhttp::session& session);
-        bool is_sent;
-    } cases[] = {
-        {"as it is", [](tavhttp::session&) {}, true},
-        {"without", [](tavhttp::session& s) { s.no_cookie_store(); }, false},
-        {"second value of the other option",
-         [](tavhttp::session& s) { s.keep_undecoded_body(false, true); }, false},
-        {"which also undoes it",
-         [](tavhttp::session& s) {
-             s.no_cookie_store();
-             s.keep_undecoded_body(true, false);
-         },
-         true},
-    };
-    for (const auto& each : cases) {
-        SCOPED_TRACE(each.what);
+    // The second value of the other option does the same, and undoes it too.
+    for (int kind = 0; kind < 4; kind++) {
+        SCOPED_TRACE(kind);
         std::size_t index = server.request_count();
-        tavhttp::session session(tavhttp::method::get, server.url());
-        each.set(session);
+        tavhttp::session session(get, server.url());
+        if (kind % 2 != 0) {
+            session.no_cookie_store();
+        }
+        if (kind >= 2) {
+            session.keep_undecoded_body(true, kind == 2);
+        }
         EXPECT_FALSE(run(session));
-        EXPECT_EQ(each.is_sent ? "stored=1;" : "", server.request(index).header("Cookie"));
+        bool is_sent = kind == 0 || kind == 3;
+        EXPECT_EQ(is_sent ? "stored=1;" : "", server.request(index).header("Cookie"));
     }
 }
 
 TEST(CppOptions, TimeoutsEndTheSession) {
-    struct {
-        const char* what;
-        void (*set)(tavhttp::session& session);
-        errc code;
-    } cases[] = {
-        {"silence", [](tavhttp::session& s) { s.io_timeout(std::chrono::milliseconds(50)); },
-         errc::TAV_HTTP_ERROR_CODE_RECV_TIMEOUT},
-        {"the whole", [](tavhttp::session& s) { s.session_timeout(std::chrono::milliseconds(50)); },
-         errc::TAV_HTTP_ERROR_CODE_SESSION_TIMEOUT},
-        {"longer than 32 bits is no overflow",
-         [](tavhttp::session& s) {
-             s.session_timeout(std::chrono::hours(24 * 365 * 100));
-             s.io_timeout(std::chrono::milliseconds(50));
-         },
-         errc::TAV_HTTP_ERROR_CODE_RECV_TIMEOUT},
-    };
-    for (const auto& each : cases) {
-        SCOPED_TRACE(each.what);
-        scripted_server server(script{expect_request(), stall()});
-        tavhttp::library library;
-        tavhttp::session session(tavhttp::method::get, server.url());
-        each.set(session);
-        EXPECT_EQ(each.code, run(session));
-    }
-    blackhole_listener hole;
+    scripted_server silent(script{expect_request(), stall()});
     tavhttp::library library;
-    tavhttp::session session(tavhttp::method::get, hole.url());
-    session.connect_timeout(std::chrono::milliseconds(50));
-    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_FAIL_CONNECT, run(session));
+    tavhttp::session whole(get, silent.url()), still(get, silent.url());
+    EXPECT_FALSE(whole.session_timeout(milliseconds(50)));
+    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_SESSION_TIMEOUT, run(whole));
+    EXPECT_FALSE(still.session_timeout(std::chrono::hours(24 * 365 * 100))) << "no overflow";
+    EXPECT_FALSE(still.connect_timeout(milliseconds(2000)));
+    EXPECT_FALSE(still.io_timeout(milliseconds(50)));
+    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_RECV_TIMEOUT, run(still));
 }
 
 TEST(CppOptions, DownloadsToFiles) {
     work_dir directory;
     scripted_server server([](const received_request& request) {
-        if (request.header("Range") == "bytes=3-") {
-            return response(206, "def", "Content-Range: bytes 3-5/6\r\n");
-        }
-        return response(200, "abcdef");
+        return request.header("Range") == "bytes=3-" ? response(206, "def")
+                                                     : response(200, "abcdef");
     });
     tavhttp::library library;
     write_file("named", "abc");
-    tavhttp::session resumed(tavhttp::method::get, server.url());
+    tavhttp::session resumed(get, server.url());
     EXPECT_FALSE(resumed.download_file("named"));
     EXPECT_FALSE(resumed.resume());
     EXPECT_FALSE(run(resumed));
@@ -222,32 +169,29 @@ TEST(CppOptions, DownloadsToFiles) {
     EXPECT_EQ(std::nullopt, resumed.memory_body());
 
     EXPECT_EQ("", tavhttp::download_directory());
-    EXPECT_FALSE(tavhttp::set_download_directory("chosen"));
-    EXPECT_EQ("chosen/", tavhttp::download_directory());
-    tavhttp::session chosen(tavhttp::method::get, server.url());
+    std::string name(150, 'd');
+    EXPECT_FALSE(tavhttp::set_download_directory(name));
+    EXPECT_EQ(name + "/", tavhttp::download_directory());
+    tavhttp::session chosen(get, server.url());
     EXPECT_FALSE(chosen.download_to_file());
     EXPECT_FALSE(run(chosen));
-    EXPECT_THAT(chosen.file_path().value_or(""), HasSubstr("chosen/"));
+    EXPECT_THAT(chosen.file_path().value_or(""), HasSubstr(name + "/"));
     EXPECT_EQ("abcdef", read_file(chosen.file_path().value_or("")));
+    EXPECT_FALSE(tavhttp::set_download_directory(nullptr));
+    EXPECT_EQ("", tavhttp::download_directory());
 }
 
 TEST(CppOptions, Bodies) {
     work_dir directory;
     write_file("upload", "from a file");
     struct {
-        const char* what;
         void (*set)(tavhttp::session& session);
         std::vector<std::string> parts;
     } cases[] = {
-        {"bytes",
-         [](tavhttp::session& s) {
-             s.append_body(std::string_view("one\0", 4));
-             s.append_body("two", 3);
-         },
-         {std::string("one\0two", 7)}},
-        {"file", [](tavhttp::session& s) { s.upload_file("upload"); }, {"from a file"}},
-        {"form",
-         [](tavhttp::session& s) {
+        {[](options s) { s.append_body(std::string_view("one\0", 4)), s.append_body("two", 3); },
+         {bytes_of("one\0two")}},
+        {[](options s) { s.upload_file("upload"); }, {"from a file"}},
+        {[](options s) {
              s.add_form_field("field", "5%d");
              s.add_form_file("file", "upload");
              s.add_form_file("renamed", "upload", "other.txt");
@@ -256,11 +200,11 @@ TEST(CppOptions, Bodies) {
          {"name=\"field\"\r\n\r\n5%d\r\n", "filename=\"upload\"", "from a file",
           "filename=\"other.txt\"", "filename=\"data.bin\"", "\r\nxy\r\n"}},
     };
-    scripted_server server([](const received_request&) { return response(200, ""); });
+    scripted_server server(always(response(200, "")));
     tavhttp::library library;
     std::size_t count = 0;
     for (const auto& each : cases) {
-        SCOPED_TRACE(each.what);
+        SCOPED_TRACE(count);
         std::uint64_t last_end = 0;
         std::uint64_t total = 0;
         tavhttp::session session(tavhttp::method::post, server.url());
@@ -281,10 +225,10 @@ TEST(CppOptions, Bodies) {
 }
 
 TEST(CppOptions, ProxiesOfTheSessionAndOfTheProcess) {
-    const std::string connected = "HTTP/1.1 200 OK\r\n\r\n";
-    scripted_server proxy(script{expect_request(), send_text(connected), expect_request(),
+    scripted_server proxy(script{expect_request(), send_text("HTTP/1.1 200 OK\r\n\r\n"),
+                                 expect_request(),
                                  send_text(response(200, "", "Connection: close\r\n"))});
-    scripted_server direct([](const received_request&) { return response(200, ""); });
+    scripted_server direct(always(response(200, "")));
     tavhttp::proxy_settings settings;
     settings.type = TAV_HTTP_PROXY_HTTP;
     settings.host = "127.0.0.1";
@@ -293,40 +237,40 @@ TEST(CppOptions, ProxiesOfTheSessionAndOfTheProcess) {
     settings.password = "secret";
 
     tavhttp::library library;
-    tavhttp::session opened(tavhttp::method::get, direct.url(), settings);
+    tavhttp::session opened(get, direct.url(), settings);
     EXPECT_FALSE(run(opened));
-    tavhttp::session set(tavhttp::method::get, direct.url());
+    tavhttp::session set(get, direct.url());
     EXPECT_FALSE(set.proxy(settings));
     EXPECT_FALSE(run(set));
     EXPECT_FALSE(tavhttp::set_default_proxy(settings));
-    tavhttp::session by_default(tavhttp::method::get, direct.url());
+    tavhttp::session by_default(get, direct.url());
     EXPECT_FALSE(run(by_default));
     EXPECT_EQ(3u, proxy.connection_count());
     EXPECT_EQ(0u, direct.connection_count());
     EXPECT_EQ("Basic ZGVtbzpzZWNyZXQ=", proxy.request(0).header("Proxy-Authorization"));
 
-    tavhttp::session without(tavhttp::method::get, direct.url());
+    tavhttp::session without(get, direct.url());
     EXPECT_FALSE(without.no_proxy());
     EXPECT_FALSE(run(without));
-    tavhttp::session with_none(tavhttp::method::get, direct.url(), tavhttp::proxy_settings());
+    tavhttp::session with_none(get, direct.url(), tavhttp::proxy_settings());
     EXPECT_FALSE(run(with_none));
     EXPECT_FALSE(tavhttp::clear_default_proxy());
-    tavhttp::session afterwards(tavhttp::method::get, direct.url());
+    tavhttp::session afterwards(get, direct.url());
     EXPECT_FALSE(run(afterwards));
     EXPECT_EQ(3u, proxy.connection_count());
     EXPECT_EQ(3u, direct.request_count());
 }
 
 TEST(CppOptions, ConnectionsAndQueue) {
-    scripted_server server([](const received_request&) { return response(200, ""); });
+    scripted_server server(always(response(200, "")));
     log_capture log;
     tavhttp::library library;
     EXPECT_FALSE(tavhttp::set_use_third_lsp(false));
     tavhttp::set_max_running_count(4);
     tavhttp::set_keep_alive_max_requests(0);
     for (int i = 0; i < 2; i++) {
-        tavhttp::session session(tavhttp::method::get, server.url("/secret"));
-        EXPECT_FALSE(session.keep_alive(true, seconds(5), 3));
+        tavhttp::session session(get, server.url("/secret"));
+        EXPECT_FALSE(session.keep_alive(true, std::chrono::seconds(5), 3));
         EXPECT_FALSE(session.priority(tavhttp::priority::high));
         EXPECT_FALSE(session.queue_fifo());
         EXPECT_FALSE(session.hide_url());
@@ -335,7 +279,7 @@ TEST(CppOptions, ConnectionsAndQueue) {
     EXPECT_EQ(1u, server.connection_count());
     EXPECT_EQ(0u, log.count(server.url("/secret")));
     EXPECT_EQ(0u, log.count("assert fail"));
-    tavhttp::session alone(tavhttp::method::get, server.url());
+    tavhttp::session alone(get, server.url());
     EXPECT_FALSE(alone.no_reuse());
     EXPECT_FALSE(alone.tls_host_name("server.test"));
     EXPECT_FALSE(run(alone));
@@ -347,13 +291,13 @@ TEST(CppOptions, ConnectionsAndQueue) {
 
 TEST(CppQueries, ReadTheResponse) {
     scripted_server server(std::vector<script>{
-        answer(response(302, "", "Location: /new\r\n")),
-        answer(response(206, gzip_bytes("hello"),
-                        "Content-Encoding: gzip\r\nContent-Range: bytes 5000000000-5000000024/"
-                        "6000000000\r\nETag: \"v2\"\r\nSet-Cookie: a=1\r\nSet-Cookie: b=2\r\n"
-                        "Last-Modified: Sun, 07 Feb 2106 06:28:16 GMT\r\nX-Empty:\r\n"))});
+        reply_with(response(302, "", "Location: /new\r\n")),
+        reply_with(response(206, gzip_bytes("hello"),
+                            "Content-Encoding: gzip\r\nContent-Range: bytes 5000000000-5000000024/"
+                            "6000000000\r\nETag: \"v2\"\r\nSet-Cookie: a=1\r\nset-cookie: b=2\r\n"
+                            "Last-Modified: Sun, 07 Feb 2106 06:28:16 GMT\r\nX-Empty:\r\n"))});
     tavhttp::library library;
-    tavhttp::session session(tavhttp::method::get, server.url("/old"));
+    tavhttp::session session(get, server.url("/old"));
     session.body_md5(true);
     session.range(5000000000, 5000000024);
     EXPECT_EQ(std::nullopt, session.status_code());
@@ -364,15 +308,15 @@ TEST(CppQueries, ReadTheResponse) {
     ASSERT_FALSE(run(session));
 
     EXPECT_EQ(206u, session.status_code());
-    EXPECT_FALSE(session.status_text().value_or("").empty());
+    EXPECT_EQ("Status", session.status_text());
     EXPECT_EQ(5000000000, session.option_range_start());
     EXPECT_EQ(5000000024, session.option_range_end());
     EXPECT_EQ("hello", session.memory_body());
     EXPECT_EQ(0, session.query_7());
     EXPECT_THAT(session.set_cookie(), ElementsAre(HasSubstr("a=1"), HasSubstr("b=2")));
-    EXPECT_THAT(session.raw_headers().value_or(""), HasSubstr("ETag : \"v2\"\r\n"));
-    EXPECT_EQ("\r\n\r\n", session.raw_headers().value_or("....").substr(
-                              session.raw_headers().value_or("....").size() - 4));
+    std::string raw = session.raw_headers().value_or("");
+    EXPECT_THAT(raw, testing::StartsWith("Content-Encoding : gzip\r\nContent-Range : bytes 50"));
+    EXPECT_THAT(raw, testing::EndsWith("\r\n\r\n"));
     EXPECT_EQ(gzip_bytes("hello").size(), session.content_length());
     EXPECT_EQ(server.url("/old"), session.url());
     EXPECT_EQ(server.url("/new"), session.current_url());
@@ -393,23 +337,14 @@ TEST(CppQueries, ReadTheResponse) {
     EXPECT_THAT(session.header_all("Server"), IsEmpty());
 }
 
-TEST(CppQueries, ErrorBody) {
-    scripted_server server(answer(response(404, "why")));
-    tavhttp::library library;
-    tavhttp::session session(tavhttp::method::get, server.url());
-    session.keep_error_body();
-    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_SVR_RETURN_ERROR, run(session));
-    EXPECT_EQ("why", session.memory_body());
-}
-
 // ------------------------------------------------------------------------------------ callbacks
 
 TEST(CppCallbacks, ArriveInOrderWithTheirValues) {
-    scripted_server server(std::vector<script>{answer(response(302, "", "Location: /new\r\n")),
-                                               answer(response(200, "body"))});
+    scripted_server server(std::vector<script>{reply_with(response(302, "", "Location: /new\r\n")),
+                                               reply_with(response(200, "body"))});
     tavhttp::library library;
     std::vector<std::string> events;
-    tavhttp::session session(tavhttp::method::get, server.url("/old"));
+    tavhttp::session session(get, server.url("/old"));
     http_session* handle = session.handle();
     session.on_connecting([&](session_ref s, std::string_view url) {
         EXPECT_EQ(handle, s.handle());
@@ -443,12 +378,13 @@ TEST(CppCallbacks, ArriveInOrderWithTheirValues) {
 }
 
 TEST(CppCallbacks, EmptyFunctionClears) {
-    scripted_server server(answer(response(200, "body")));
+    scripted_server server(reply_with(response(404, "body")));
     tavhttp::library library;
-    tavhttp::session session(tavhttp::method::get, server.url());
+    tavhttp::session session(get, server.url());
+    EXPECT_FALSE(session.keep_error_body());
     session.on_download_data([](auto...) { ADD_FAILURE(); });
     session.on_download_data(nullptr);
-    EXPECT_FALSE(run(session));
+    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_SVR_RETURN_ERROR, run(session));
     EXPECT_EQ("body", session.memory_body());
 }
 
@@ -461,14 +397,14 @@ std::pair<std::shared_ptr<int>, std::weak_ptr<int>> watched() {
 // The session is gone while its callback runs on another thread: what the callback captured lives
 // until it returns, and not longer.
 TEST(CppCallbacks, OutliveTheSessionWhileTheyRun) {
-    scripted_server server(answer(response(200, "body")));
+    scripted_server server(reply_with(response(200, "body")));
     tavhttp::library library;
     auto [value, watch] = watched();
     std::promise<void> entered;
     std::promise<void> go_on;
     std::shared_future<void> may_return = go_on.get_future().share();
     {
-        tavhttp::session session(tavhttp::method::get, server.url());
+        tavhttp::session session(get, server.url());
         session.on_response_header([&entered, may_return, held = value](session_ref s) {
             entered.set_value();
             may_return.wait();
@@ -487,12 +423,12 @@ TEST(CppCallbacks, OutliveTheSessionWhileTheyRun) {
 
 // The owner goes inside the last callback, or behind it when other functions held it too.
 TEST(CppCallbacks, MayDestroyTheirSession) {
-    scripted_server server([](const received_request&) { return response(200, "body"); });
+    scripted_server server(always(response(200, "body")));
     tavhttp::library library;
     for (bool is_held_twice : {false, true}) {
         auto [value, watch] = watched();
         auto done = std::make_shared<std::promise<std::string>>();
-        auto session = std::make_shared<tavhttp::session>(tavhttp::method::get, server.url());
+        auto session = std::make_shared<tavhttp::session>(get, server.url());
         if (is_held_twice) {
             session->on_connecting([session](auto...) {});
         }
@@ -512,29 +448,11 @@ TEST(CppCallbacks, MayDestroyTheirSession) {
     }
 }
 
-// Sessions are closed at every moment of their lives; the sanitizers watch.
-TEST(CppCallbacks, CloseAtAnyMoment) {
-    scripted_server server([](const received_request&) { return response(200, "body"); });
-    tavhttp::library library;
-    auto calls = std::make_shared<std::atomic<int>>(0);
-    for (int i = 0; i < 200; i++) {
-        tavhttp::session session(tavhttp::method::get, server.url());
-        int before = *calls;
-        auto count = [calls](auto...) { ++*calls; };
-        session.on_connecting(count);
-        session.on_connected(count);
-        session.on_response_header(count);
-        session.on_complete(count);
-        ASSERT_FALSE(session.send());
-        wait_until([&] { return *calls - before >= i % 5; }, milliseconds(200));
-    }
-}
-
 TEST(CppSessions, MoveCarriesTheCallbacks) {
-    scripted_server server([](const received_request&) { return response(200, "body"); });
+    scripted_server server(always(response(200, "body")));
     tavhttp::library library;
-    tavhttp::session first(tavhttp::method::get, server.url("/first"));
-    tavhttp::session second(tavhttp::method::get, server.url("/second"));
+    tavhttp::session first(get, server.url("/first"));
+    tavhttp::session second(get, server.url("/second"));
     auto [value, watch] = watched();
     second.on_connecting([held = value](auto...) { ADD_FAILURE(); });
     value.reset();
@@ -546,22 +464,16 @@ TEST(CppSessions, MoveCarriesTheCallbacks) {
 }
 
 // Closed while the library is stopped: released by the next start, which the leak checker sees.
-TEST(CppSessions, CloseWithoutLibrary) {
+TEST(CppSessions, WithoutLibrary) {
     auto library = std::make_unique<tavhttp::library>();
-    tavhttp::session session(tavhttp::method::get, "http://127.0.0.1/");
+    tavhttp::session session(get, "http://127.0.0.1/");
     library.reset();
+    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_FAIL_START_ASYNC, session.send());
     session.close();
     EXPECT_FALSE(session);
     library = std::make_unique<tavhttp::library>();
     EXPECT_FALSE(library->error());
     EXPECT_THAT(tavhttp::detail::get_registry().unreleased, IsEmpty());
-}
-
-TEST(CppSessions, SendWithoutLibrary) {
-    tavhttp::session session(tavhttp::method::get, "http://127.0.0.1/");
-    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_FAIL_START_ASYNC, session.send());
-    session.close();
-    tavhttp::library library;
 }
 
 TEST(CppSettings, LogFunctionIsReplaced) {
@@ -576,23 +488,13 @@ TEST(CppSettings, LogFunctionIsReplaced) {
     value.reset();
     {
         tavhttp::library library;
-        tavhttp::session session(tavhttp::method::get, "http://127.0.0.1/");
+        tavhttp::session session(get, "http://127.0.0.1/");
         EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_OK, session.cancel());
         session.send();
     }
     EXPECT_GT(*lines, 0);
     tavhttp::set_log(nullptr);
     EXPECT_TRUE(watch.expired());
-}
-
-TEST(CppSettings, DownloadDirectoryOfAnyLength) {
-    work_dir directory;
-    tavhttp::library library;
-    std::string name(150, 'd');
-    EXPECT_FALSE(tavhttp::set_download_directory(name));
-    EXPECT_EQ(name + "/", tavhttp::download_directory());
-    EXPECT_FALSE(tavhttp::set_download_directory(nullptr));
-    EXPECT_EQ("", tavhttp::download_directory());
 }
 
 }  // namespace

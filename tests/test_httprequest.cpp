@@ -62,6 +62,26 @@ bool has_line(const std::string& head, const std::string& line) {
     return head.find("\r\n" + line + "\r\n") != std::string::npos;
 }
 
+TEST(RequestHead, WithEveryOption) {
+    request_maker maker("http://h/", TAV_HTTP_METHOD_HEAD);
+    maker.set(116, "other:8080");
+    maker.set(107, "text/html");
+    maker.set(108, "agent/1");
+    maker.set(109, 2u);
+    maker.set(117, "max-age=0");
+    maker.set(103, std::int64_t{0}, std::int64_t{499});
+    maker.set(104, std::int64_t{784111777});
+    maker.set(105, "\"tag\"");
+    maker.set(106, "a=1");
+    maker.set(190, "X-B", "%d", 2);
+    maker.set(190, "X-A", "%s", "3");
+    EXPECT_EQ(maker.head(),
+              "HEAD / HTTP/1.1\r\nHost: other:8080\r\nAccept: text/html\r\nUser-Agent: agent/1\r\n"
+              "Connection: Close\r\nCache-Control: max-age=0\r\nAccept-Encoding: identity\r\n"
+              "Range: bytes=0-499\r\nIf-Modified-Since: Sun, 06 Nov 1994 08:49:37 GMT\r\n"
+              "If-None-Match: \"tag\"\r\nCookie: a=1\r\nX-B: 2\r\nX-A: 3\r\n\r\n");
+}
+
 TEST(RequestHead, RangeRows) {
     const struct {
         std::int64_t start, end;

@@ -43,6 +43,24 @@ class writing : public testing::Test {
     http_response* response_ = nullptr;
 };
 
+int host_calls = 0;
+
+void on_data(http_session*, void*, std::uint64_t, const void*, std::uint32_t) {
+    host_calls++;
+}
+
+TEST_F(writing, AnErrorBodyGoesToMemoryUnlessItIsAskedFor) {
+    session_.download_data_cb = on_data;
+    response_->status_code = 404;
+    string_replace(&options_.download_file, "/nowhere/file.bin");
+    EXPECT_EQ(0u, write("error "));
+    EXPECT_EQ("error ", std::string(response_->memory_body.data,
+                                    static_cast<std::size_t>(response_->memory_body.length)));
+    EXPECT_EQ(0, host_calls);
+    EXPECT_EQ(nullptr, response_->file_path);
+    string_replace(&options_.download_file, nullptr);
+}
+
 TEST_F(writing, AnnouncedLengthsAreNotTrusted) {
     const struct {
         std::uint64_t announced;

@@ -29,6 +29,25 @@ bool wait_until(const std::function<bool()>& condition, milliseconds deadline) {
     return true;
 }
 
+void expect_code(std::uint32_t expected, std::uint32_t got) {
+    if (expected == code::any_negative) {
+        EXPECT_LT(static_cast<std::int32_t>(got), 0);
+    } else {
+        EXPECT_EQ(expected, got);
+    }
+}
+
+proxy_record::proxy_record(std::uint32_t type, std::uint16_t port, const char* user,
+                           const char* password, const char* host)
+    : host_(host), user_(user != nullptr ? user : ""),
+      password_(password != nullptr ? password : "") {
+    info_.type = type;
+    info_.host = &host_[0];
+    info_.port = port;
+    info_.user_name = user != nullptr ? &user_[0] : nullptr;
+    info_.password = password != nullptr ? &password_[0] : nullptr;
+}
+
 // ------------------------------------------------------------------------------------------------
 
 struct transfer_state {
@@ -57,10 +76,8 @@ std::condition_variable log_changed;
 std::vector<log_line> log_lines;
 
 void on_log(std::int32_t level, const char* tag, const char* text) {
-    {
-        std::lock_guard<std::mutex> guard(log_mutex);
-        log_lines.push_back({level, tag, text});
-    }
+    std::lock_guard<std::mutex> guard(log_mutex);
+    log_lines.push_back({level, tag, text});
     log_changed.notify_all();
 }
 
@@ -92,28 +109,6 @@ void on_complete(http_session* session, void* user_data, std::uint32_t code) {
     state->changed.notify_all();
 }
 
-void on_connecting(http_session* session, void* user_data, const char* url) {
-    state_of(session, user_data)->add("connecting", text_of(url));
-}
-
-void on_connected(http_session* session, void* user_data, const char* address) {
-    state_of(session, user_data)->add("connected", text_of(address));
-}
-
-void on_download_start(http_session* session, void* user_data, const char* url,
-                       std::uint64_t range_start, std::uint64_t range_end,
-                       std::uint64_t content_length) {
-    std::ostringstream detail;
-    detail << text_of(url) << ' ' << static_cast<std::int64_t>(range_start) << ' '
-           << static_cast<std::int64_t>(range_end) << ' ' << content_length;
-    state_of(session, user_data)->add("start", detail.str());
-}
-
-void on_redirect(http_session* session, void* user_data, const char* new_url,
-                 const char* current_url) {
-    state_of(session, user_data)->add("redirect", text_of(new_url) + " " + text_of(current_url));
-}
-
 void on_data(http_session* session, void* user_data, std::uint64_t offset, const void* data,
              std::uint32_t length) {
     transfer_state* state = state_of(session, user_data);
@@ -122,17 +117,6 @@ void on_data(http_session* session, void* user_data, std::uint64_t offset, const
         state->data.append(static_cast<const char*>(data), length);
     }
     state->add("data", std::to_string(offset) + " " + std::to_string(length));
-}
-
-void on_progress(http_session* session, void* user_data, std::uint64_t sent, const void*,
-                 std::uint32_t length, std::uint64_t total) {
-    state_of(session, user_data)
-        ->add("progress",
-              std::to_string(sent) + " " + std::to_string(length) + " " + std::to_string(total));
-}
-
-void on_header(http_session* session, void* user_data) {
-    state_of(session, user_data)->add("header", "");
 }
 
 }  // namespace
@@ -196,12 +180,18 @@ std::vector<log_line> log_capture::lines() const {
     return log_lines;
 }
 
+static std::size_t matching_lines(const std::string& part, std::int32_t level) {
+    std::size_t count = 0;
+    for (const log_line& line : log_lines) {
+        bool matches = level == 0 || level == line.level;
+        count += matches && line.text.find(part) != std::string::npos ? 1 : 0;
+    }
+    return count;
+}
+
 std::size_t log_capture::count(const std::string& part, std::int32_t level) const {
     std::lock_guard<std::mutex> guard(log_mutex);
-    return static_cast<std::size_t>(
-        std::count_if(log_lines.begin(), log_lines.end(), [&](const log_line& line) {
-            return (level == 0 || level == line.level) && line.text.find(part) != std::string::npos;
-        }));
+    return matching_lines(part, level);
 }
 
 bool log_capture::has_line(const std::string& part, std::int32_t level) const {
@@ -210,11 +200,7 @@ bool log_capture::has_line(const std::string& part, std::int32_t level) const {
 
 bool log_capture::wait_for_line(const std::string& part, milliseconds deadline) const {
     std::unique_lock<std::mutex> guard(log_mutex);
-    return log_changed.wait_for(guard, deadline, [&] {
-        return std::any_of(log_lines.begin(), log_lines.end(), [&](const log_line& line) {
-            return line.text.find(part) != std::string::npos;
-        });
-    });
+    return log_changed.wait_for(guard, deadline, [&] { return matching_lines(part, 0) > 0; });
 }
 
 // ------------------------------------------------------------------------------------------------
@@ -241,19 +227,46 @@ std::uint32_t transfer::close() {
 
 void transfer::install(const std::string& name) {
     if (name == "connecting") {
-        set(TAV_HTTP_OPTION_CONNECTING_CALLBACK, on_connecting);
+        set(
+            TAV_HTTP_OPTION_CONNECTING_CALLBACK, +[](http_session* s, void* u, const char* url) {
+                state_of(s, u)->add("connecting", text_of(url));
+            });
     } else if (name == "connected") {
-        set(TAV_HTTP_OPTION_CONNECTED_CALLBACK, on_connected);
+        set(
+            TAV_HTTP_OPTION_CONNECTED_CALLBACK, +[](http_session* s, void* u, const char* address) {
+                state_of(s, u)->add("connected", text_of(address));
+            });
     } else if (name == "start") {
-        set(TAV_HTTP_OPTION_DOWNLOAD_START_CALLBACK, on_download_start);
+        set(
+            TAV_HTTP_OPTION_DOWNLOAD_START_CALLBACK,
+            +[](http_session* s, void* u, const char* url, std::uint64_t first, std::uint64_t last,
+                std::uint64_t length) {
+                std::ostringstream detail;
+                detail << text_of(url) << ' ' << static_cast<std::int64_t>(first) << ' '
+                       << static_cast<std::int64_t>(last) << ' ' << length;
+                state_of(s, u)->add("start", detail.str());
+            });
     } else if (name == "redirect") {
-        set(TAV_HTTP_OPTION_REDIRECT_CALLBACK, on_redirect);
+        set(
+            TAV_HTTP_OPTION_REDIRECT_CALLBACK,
+            +[](http_session* s, void* u, const char* to, const char* from) {
+                state_of(s, u)->add("redirect", text_of(to) + " " + text_of(from));
+            });
     } else if (name == "data") {
         set(TAV_HTTP_OPTION_DOWNLOAD_DATA_CALLBACK, on_data);
     } else if (name == "progress") {
-        set(TAV_HTTP_OPTION_UPLOAD_PROGRESS_CALLBACK, on_progress);
+        set(
+            TAV_HTTP_OPTION_UPLOAD_PROGRESS_CALLBACK,
+            +[](http_session* s, void* u, std::uint64_t sent, const void*, std::uint32_t length,
+                std::uint64_t total) {
+                std::ostringstream detail;
+                detail << sent << ' ' << length << ' ' << total;
+                state_of(s, u)->add("progress", detail.str());
+            });
     } else if (name == "header") {
-        set(TAV_HTTP_OPTION_RESPONSE_HEADER_CALLBACK, on_header);
+        set(
+            TAV_HTTP_OPTION_RESPONSE_HEADER_CALLBACK,
+            +[](http_session* s, void* u) { state_of(s, u)->add("header", ""); });
     } else {
         EXPECT_EQ("complete", name);
     }
@@ -276,6 +289,11 @@ void transfer::at(const std::string& name, std::function<void(transfer&)> action
         state_->actions[name] = std::move(action);
     }
     install(name);
+}
+
+std::uint32_t transfer::set_body(const std::string& bytes) {
+    auto size = static_cast<std::uint32_t>(bytes.size());
+    return set(TAV_HTTP_OPTION_APPEND_BODY, bytes.data(), size);
 }
 
 std::uint32_t transfer::send() {
@@ -326,9 +344,11 @@ std::string transfer::event_names() const {
 }
 
 std::size_t transfer::event_count(const std::string& name) const {
-    std::vector<event> all = events();
-    return static_cast<std::size_t>(
-        std::count_if(all.begin(), all.end(), [&](const event& one) { return one.name == name; }));
+    std::size_t count = 0;
+    for (const event& one : events()) {
+        count += one.name == name ? 1 : 0;
+    }
+    return count;
 }
 
 std::string transfer::detail(const std::string& name) const {
@@ -384,19 +404,6 @@ std::string transfer::header(const std::string& name) const {
     std::string in = name;
     tavHTTPQueryInfo(session_, TAV_HTTP_QUERY_HEADER, &in[0], value, &length);
     return value;
-}
-
-std::vector<std::string> transfer::header_all(const std::string& name) const {
-    char values[8192] = "";
-    std::int32_t length = sizeof values;
-    std::string in = name;
-    std::vector<std::string> all;
-    if (tavHTTPQueryInfo(session_, TAV_HTTP_QUERY_HEADER_ALL, &in[0], values, &length) == 0) {
-        for (const char* value = values; *value != 0; value += std::strlen(value) + 1) {
-            all.push_back(value);
-        }
-    }
-    return all;
 }
 
 static std::string hex(const unsigned char* bytes, std::size_t length) {

@@ -14,20 +14,63 @@
 #include <utility>
 #include <vector>
 
+// The codes that tests name most.
+namespace code {
+constexpr std::uint32_t not_modified = TAV_HTTP_ERROR_CODE_NOT_MODIFIED;
+constexpr std::uint32_t cancel = TAV_HTTP_ERROR_CODE_CANCEL;
+constexpr std::uint32_t session_timeout = TAV_HTTP_ERROR_CODE_SESSION_TIMEOUT;
+constexpr std::uint32_t no_loop = TAV_HTTP_ERROR_CODE_FAIL_START_ASYNC;
+constexpr std::uint32_t closing = no_loop;  // what a close that has to wait returns
+constexpr std::uint32_t invalid_url = TAV_HTTP_ERROR_CODE_INVALID_URL;
+constexpr std::uint32_t redirects = TAV_HTTP_ERROR_CODE_TOO_MANY_REDIRECT;
+constexpr std::uint32_t status = TAV_HTTP_ERROR_CODE_SVR_RETURN_ERROR;
+constexpr std::uint32_t parse = TAV_HTTP_ERROR_CODE_FAIL_PARSE_RESPONSE;
+constexpr std::uint32_t tls_name = 0x4000a;
+constexpr std::uint32_t recv_timeout = TAV_HTTP_ERROR_CODE_RECV_TIMEOUT;
+constexpr std::uint32_t send_timeout = TAV_HTTP_ERROR_CODE_SEND_TIMEOUT;
+constexpr std::uint32_t connect = TAV_HTTP_ERROR_CODE_FAIL_CONNECT;
+constexpr std::uint32_t recv = TAV_HTTP_ERROR_CODE_FAIL_RECV;
+constexpr std::uint32_t proxy_connect = TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_CONNECT;
+constexpr std::uint32_t proxy_recv = TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_RECV;
+constexpr std::uint32_t proxy_denied = TAV_HTTP_ERROR_CODE_CONNECT_PROXY_SVR_DENY;
+constexpr std::uint32_t open_file = TAV_HTTP_ERROR_CODE_FAIL_OPEN_RESPONSE_FILE;
+constexpr std::uint32_t write_file = TAV_HTTP_ERROR_CODE_FAIL_WRITE_RESPONSE_FILE;
+constexpr std::uint32_t any_negative = 0xFFFFFFFFu;  // for expect_code(): one of the TLS engine's
+}  // namespace code
+
+void expect_code(std::uint32_t expected, std::uint32_t got);
+
 // The code that wait() returns when the session has not completed before the deadline.
 constexpr std::uint32_t not_completed = 0xFFFFFFFFu;
+
+// The bytes of a literal, zeros included.
+template <std::size_t size> std::string bytes_of(const char (&literal)[size]) {
+    return std::string(literal, size - 1);
+}
+
+// A proxy_info that keeps its texts.
+class proxy_record {
+  public:
+    proxy_record(std::uint32_t type, std::uint16_t port, const char* user = nullptr,
+                 const char* password = nullptr, const char* host = "127.0.0.1");
+    const proxy_info* get() const {
+        return &info_;
+    }
+
+  private:
+    std::string host_, user_, password_;
+    proxy_info info_ = {};
+};
 
 // Checks `condition` again and again until it holds or the deadline has passed.
 bool wait_until(const std::function<bool()>& condition, milliseconds deadline = default_deadline);
 
 // Startup in the constructor, shut-down in the destructor. Declare it before the transfers: a
 // session can only be released while the library runs.
-class library {
+class library : not_copied {
   public:
     library();
     ~library();
-    library(const library&) = delete;
-    library& operator=(const library&) = delete;
 
     void shutdown();
     void startup();
@@ -43,12 +86,10 @@ struct log_line {
 };
 
 // Receives the library's log lines while it lives; one at a time.
-class log_capture {
+class log_capture : not_copied {
   public:
     log_capture();
     ~log_capture();
-    log_capture(const log_capture&) = delete;
-    log_capture& operator=(const log_capture&) = delete;
 
     std::vector<log_line> lines() const;
     // Lines that contain the text; level 0 means any level.
@@ -68,13 +109,11 @@ struct transfer_state;
 
 // One session. The destructor closes it. What callbacks write to outlives the session, so that a
 // session may be closed while they run.
-class transfer {
+class transfer : not_copied {
   public:
     explicit transfer(const std::string& url, std::uint32_t method = TAV_HTTP_METHOD_GET,
                       const proxy_info* proxy = nullptr);
     ~transfer();
-    transfer(const transfer&) = delete;
-    transfer& operator=(const transfer&) = delete;
 
     http_session* handle() const {
         return session_;
@@ -91,6 +130,7 @@ class transfer {
     // Runs inside the named callback, after it was recorded. Installs that callback.
     void at(const std::string& name, std::function<void(transfer&)> action);
 
+    std::uint32_t set_body(const std::string& bytes);  // appends it
     std::uint32_t send();
     std::uint32_t cancel();
     std::uint32_t close();  // once; later calls return INVALID_ARG
@@ -115,7 +155,6 @@ class transfer {
     std::string text(std::uint32_t query) const;  // of a query that gives a pointer; null is empty
     std::int64_t number(std::uint32_t query) const;
     std::string header(const std::string& name) const;
-    std::vector<std::string> header_all(const std::string& name) const;
     std::string md5() const;  // hexadecimal
     std::string peer() const;
 
@@ -142,12 +181,10 @@ class descriptor_guard {
 };
 
 // A fresh directory that is the current one while it lives and is removed with all it holds.
-class work_dir {
+class work_dir : not_copied {
   public:
     work_dir();
     ~work_dir();
-    work_dir(const work_dir&) = delete;
-    work_dir& operator=(const work_dir&) = delete;
 
     const std::string& path() const {
         return path_;

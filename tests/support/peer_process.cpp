@@ -1,5 +1,7 @@
 #include "tests/support/peer_process.h"
 
+#include "tests/support/host.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -13,15 +15,20 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <sstream>
 
 namespace {
 
-constexpr milliseconds poll_interval{5};
-
-void pause_briefly() {
-    poll(nullptr, 0, static_cast<int>(poll_interval.count()));
+// Asks every few milliseconds: nothing tells that a child takes connections or has ended.
+template <typename condition> bool poll_until(condition holds, milliseconds deadline) {
+    auto end = std::chrono::steady_clock::now() + deadline;
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        poll(nullptr, 0, 5);
+    }
+    return true;
 }
 
 bool connects(std::uint16_t port) {
@@ -56,30 +63,12 @@ std::vector<char*> pointers(std::vector<std::string>& arguments) {
     return all;
 }
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    return bytes.str();
-}
-
 }  // namespace
 
 std::uint16_t free_port(bool ipv6) {
-    int fd = socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in6 address6 = {};
-    sockaddr_in address4 = {};
-    address6.sin6_family = AF_INET6;
-    address6.sin6_addr = in6addr_loopback;
-    address4.sin_family = AF_INET;
-    address4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* address =
-        ipv6 ? reinterpret_cast<sockaddr*>(&address6) : reinterpret_cast<sockaddr*>(&address4);
-    socklen_t length = ipv6 ? sizeof address6 : sizeof address4;
-    EXPECT_EQ(0, bind(fd, address, length));
-    EXPECT_EQ(0, getsockname(fd, address, &length));
-    close(fd);
-    return ntohs(ipv6 ? address6.sin6_port : address4.sin_port);
+    std::uint16_t port = 0;
+    close(bind_loopback(ipv6, &port));
+    return port;
 }
 
 // The system's own directories come first: what a developer has put before them may be a wrapper
@@ -164,14 +153,11 @@ bool peer_process::attempt(const std::vector<std::string>& arguments, std::uint1
     directory_ = directory;
     output_path_ = directory + "/" + arguments[0] + "-output";
     port_ = port;
-    if (!spawn(arguments)) {
-        return false;
-    }
-    if (!wait_for_port()) {
+    bool serves = spawn(arguments) && wait_for_port();
+    if (!serves) {
         stop();
-        return false;
     }
-    return true;
+    return serves;
 }
 
 bool peer_process::spawn(const std::vector<std::string>& arguments) {
@@ -207,36 +193,23 @@ bool peer_process::ended() {
 }
 
 bool peer_process::wait_for_port() {
-    auto end = std::chrono::steady_clock::now() + default_deadline;
-    while (std::chrono::steady_clock::now() < end) {
-        bool open = connects(port_);
-        // A port that answers may be somebody else's, which the child has found in use.
-        if (ended()) {
-            return false;
-        }
-        if (open) {
-            return true;
-        }
-        pause_briefly();
-    }
-    return false;
-}
-
-bool peer_process::wait_for_end(milliseconds deadline) {
-    auto end = std::chrono::steady_clock::now() + deadline;
-    while (!ended()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        pause_briefly();
-    }
-    return true;
+    bool open = false;
+    bool gone = false;
+    poll_until(
+        [&] {
+            open = connects(port_);
+            // A port that answers may be somebody else's, which the child has found in use.
+            gone = ended();
+            return open || gone;
+        },
+        default_deadline);
+    return open && !gone;
 }
 
 void peer_process::stop() {
     if (!ended()) {
         ::kill(pid_, SIGTERM);
-        if (!wait_for_end(milliseconds(2000))) {
+        if (!poll_until([this] { return ended(); }, milliseconds(2000))) {
             kill();
         }
     }
@@ -259,5 +232,5 @@ void peer_process::write_input(const std::string& bytes) {
 }
 
 std::string peer_process::output() const {
-    return slurp(output_path_);
+    return read_file(output_path_);
 }

@@ -23,12 +23,9 @@ std::string find_program(const std::string& name);
 // Runs a program to its end. Returns its standard output; `status`: its exit code.
 std::string output_of(const std::vector<std::string>& arguments, int* status = nullptr);
 
-class peer_process {
+class peer_process : not_copied {
   public:
-    peer_process() = default;
     ~peer_process();  // stop()
-    peer_process(const peer_process&) = delete;
-    peer_process& operator=(const peer_process&) = delete;
 
     // Starts the program and returns when its port on 127.0.0.1 takes connections. False, with a
     // failure that shows its output, when it ends before or takes too long.
@@ -56,7 +53,6 @@ class peer_process {
     bool spawn(const std::vector<std::string>& arguments);
     bool ended();
     bool wait_for_port();
-    bool wait_for_end(milliseconds deadline);
 
     pid_t pid_ = -1;
     int input_ = -1;

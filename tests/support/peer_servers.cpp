@@ -7,10 +7,6 @@
 
 namespace {
 
-std::string sink_program() {
-    return TAV_HTTP_TEST_SOURCE_DIR "/peers/upload_sink.py";
-}
-
 std::string listen_line(const std::string& address, const std::string& more = "") {
     return "    listen " + address + more + ";\n";
 }
@@ -61,11 +57,9 @@ std::string server_block(const std::string& lines) {
     return "server {\n" + lines + locations + "}\n";
 }
 
-std::string tls_lines(std::uint16_t port, const std::string& version,
-                      const std::string& certificate) {
+std::string tls_lines(std::uint16_t port, const std::string& version) {
     return listen_line("127.0.0.1:" + std::to_string(port), " ssl") + "    ssl_protocols " +
-           version + ";\n    ssl_certificate " + certificate + ".crt;\n    ssl_certificate_key " +
-           certificate + ".key;\n";
+           version + ";\n    ssl_certificate peer.crt;\n    ssl_certificate_key peer.key;\n";
 }
 
 }  // namespace
@@ -91,9 +85,13 @@ bool nginx_server::start(const std::string& directory, bool with_tls) {
     root_ = directory + "/root";
     with_tls_ = with_tls;
     std::filesystem::create_directories(root_);
+    if (with_tls) {
+        make_certificate_files(directory, "peer", "ec", "/O=Test/CN=peer.test");
+    }
+    const char* program = TAV_HTTP_TEST_SOURCE_DIR "/peers/upload_sink.py";
     bool has_sink = sink_.start(
-        [](std::uint16_t port) {
-            return std::vector<std::string>{"python3", sink_program(), std::to_string(port)};
+        [&](std::uint16_t port) {
+            return std::vector<std::string>{"python3", program, std::to_string(port)};
         },
         directory);
     return has_sink && server_.start(
@@ -102,7 +100,6 @@ bool nginx_server::start(const std::string& directory, bool with_tls) {
                                three_port_ = free_port();
                                tls12_port = free_port();
                                tls13_port = free_port();
-                               bare_port = free_port();
                                std::ofstream(directory_ + "/nginx.conf") << configuration(port);
                                return std::vector<std::string>{"nginx",
                                                                "-p",
@@ -115,13 +112,6 @@ bool nginx_server::start(const std::string& directory, bool with_tls) {
                            directory);
 }
 
-bool nginx_server::restart() {
-    std::uint16_t port = server_.port();
-    return server_.start(
-        {"nginx", "-p", directory_, "-e", "nginx-error.log", "-c", directory_ + "/nginx.conf"},
-        port, directory_);
-}
-
 std::string nginx_server::configuration(std::uint16_t port) const {
     std::string text = frame;
     text += server_block(listen_line("127.0.0.1:" + std::to_string(port)) +
@@ -129,9 +119,8 @@ std::string nginx_server::configuration(std::uint16_t port) const {
     text += server_block(listen_line("127.0.0.1:" + std::to_string(three_port_)) +
                          "    keepalive_requests 3;\n");
     if (with_tls_) {
-        text += server_block(tls_lines(tls12_port, "TLSv1.2", "peer"));
-        text += server_block(tls_lines(tls13_port, "TLSv1.3", "peer"));
-        text += server_block(tls_lines(bare_port, "TLSv1.3", "bare"));
+        text += server_block(tls_lines(tls12_port, "TLSv1.2"));
+        text += server_block(tls_lines(tls13_port, "TLSv1.3"));
     }
     text += "}\n";
     return replaced(replaced(text, "ROOT", root_), "SINK", std::to_string(sink_.port()));

@@ -20,11 +20,8 @@ void make_certificate_files(const std::string& directory, const std::string& nam
 //               "METHOD PATH TYPE LENGTH MD5", then per part "part NAME FILE-NAME LENGTH MD5"
 class nginx_server {
   public:
-    // `directory`: for its files and those that it serves. TLS needs certificate files in it:
-    // "peer" (an organisation, then the name peer.test) and "bare" (the name alone).
+    // `directory`: for its files and those that it serves.
     bool start(const std::string& directory, bool with_tls);
-    // Ends it and starts it again on the same ports.
-    bool restart();
 
     const std::string& root() const {
         return root_;
@@ -39,7 +36,6 @@ class nginx_server {
 
     std::uint16_t tls12_port = 0;
     std::uint16_t tls13_port = 0;
-    std::uint16_t bare_port = 0;  // TLS; the certificate "bare"
 
   private:
     std::string configuration(std::uint16_t port) const;

@@ -9,10 +9,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 
 struct scripted_server::connection {
     int fd = -1;
@@ -24,9 +26,8 @@ struct scripted_server::connection {
     bool wants_write = false;
     bool deaf = false;
     bool broken = false;
-    bool close_after_answer = false;
     std::string input;
-    std::vector<std::string> answer;  // handler mode: the response being sent
+    script answer;  // handler mode: the steps of the exchange in progress
 };
 
 namespace {
@@ -41,31 +42,6 @@ void set_nonblocking(int fd) {
     fcntl(fd, F_SETFD, FD_CLOEXEC);
 }
 
-// A bound loopback socket on a port of the system's choosing, which is stored in `port`.
-int bind_loopback(bool ipv6, std::uint16_t* port) {
-    int fd = socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
-    sockaddr_storage address = {};
-    socklen_t length = 0;
-    if (ipv6) {
-        auto* a6 = reinterpret_cast<sockaddr_in6*>(&address);
-        a6->sin6_family = AF_INET6;
-        a6->sin6_addr = in6addr_loopback;
-        length = sizeof *a6;
-    } else {
-        auto* a4 = reinterpret_cast<sockaddr_in*>(&address);
-        a4->sin_family = AF_INET;
-        a4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        length = sizeof *a4;
-    }
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0) {
-        fail_setup("bind");
-    }
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    *port = ntohs(ipv6 ? reinterpret_cast<sockaddr_in6*>(&address)->sin6_port
-                       : reinterpret_cast<sockaddr_in*>(&address)->sin_port);
-    return fd;
-}
-
 std::string trimmed(const std::string& text) {
     std::size_t first = text.find_first_not_of(" \t");
     std::size_t last = text.find_last_not_of(" \t");
@@ -74,40 +50,41 @@ std::string trimmed(const std::string& text) {
 
 received_request parse_head(const std::string& head) {
     received_request request;
-    std::size_t line_end = head.find("\r\n");
-    std::string line = head.substr(0, line_end);
-    std::size_t first = line.find(' ');
-    std::size_t last = line.rfind(' ');
-    if (first != std::string::npos && last > first) {
-        request.method = line.substr(0, first);
-        request.target = line.substr(first + 1, last - first - 1);
-        request.version = line.substr(last + 1);
-    }
-    for (std::size_t at = line_end + 2; at < head.size();) {
-        std::size_t end = head.find("\r\n", at);
-        if (end == std::string::npos || end == at) {
-            break;
-        }
-        std::string header = head.substr(at, end - at);
-        std::size_t colon = header.find(':');
+    std::istringstream lines(head);
+    lines >> request.method >> request.target >> request.version;
+    std::string line;
+    for (std::getline(lines, line); std::getline(lines, line) && line != "\r";) {
+        std::size_t colon = line.find(':');
         if (colon != std::string::npos) {
-            request.headers.emplace_back(header.substr(0, colon),
-                                         trimmed(header.substr(colon + 1)));
+            line.pop_back();  // the carriage return
+            request.headers.emplace_back(line.substr(0, colon), trimmed(line.substr(colon + 1)));
         }
-        at = end + 2;
     }
     return request;
 }
 
 step make_step(step_kind kind, std::vector<std::string> pieces = {}, std::size_t count = 0) {
-    step made;
-    made.kind = kind;
-    made.pieces = std::move(pieces);
-    made.count = count;
-    return made;
+    return {kind, std::move(pieces), count};
 }
 
 }  // namespace
+
+int bind_loopback(bool ipv6, std::uint16_t* port) {
+    int fd = socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in6 address = {};  // the port stands at the same place in both families
+    address.sin6_family = static_cast<sa_family_t>(ipv6 ? AF_INET6 : AF_INET);
+    address.sin6_addr = in6addr_loopback;
+    auto* any = reinterpret_cast<sockaddr*>(&address);
+    socklen_t length = ipv6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+    if (!ipv6) {
+        reinterpret_cast<sockaddr_in*>(any)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    }
+    if (fd < 0 || bind(fd, any, length) != 0 || getsockname(fd, any, &length) != 0) {
+        fail_setup("bind");
+    }
+    *port = ntohs(address.sin6_port);
+    return fd;
+}
 
 std::string received_request::header(const std::string& name) const {
     for (const auto& entry : headers) {
@@ -119,12 +96,9 @@ std::string received_request::header(const std::string& name) const {
 }
 
 bool received_request::has_header(const std::string& name) const {
-    for (const auto& entry : headers) {
-        if (strcasecmp(entry.first.c_str(), name.c_str()) == 0) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(headers.begin(), headers.end(), [&](const auto& entry) {
+        return strcasecmp(entry.first.c_str(), name.c_str()) == 0;
+    });
 }
 
 step expect_request() {
@@ -144,10 +118,6 @@ step send_bytewise(const std::string& bytes) {
     for (char c : bytes) {
         pieces.emplace_back(1, c);
     }
-    return make_step(step_kind::send, pieces);
-}
-
-step send_pieces(const std::vector<std::string>& pieces) {
     return make_step(step_kind::send, pieces);
 }
 
@@ -171,6 +141,18 @@ step close_now() {
     return make_step(step_kind::close);
 }
 
+script reply_with(const std::string& bytes) {
+    return {expect_request(), send_text(bytes)};
+}
+
+script reply_and_close(const std::string& bytes) {
+    return {expect_request(), send_text(bytes), half_close()};
+}
+
+request_handler always(const std::string& answer) {
+    return [answer](const received_request&) { return answer; };
+}
+
 std::string response(int status, const std::string& body, const std::string& headers) {
     return "HTTP/1.1 " + std::to_string(status) + " Status\r\n" + headers +
            "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
@@ -190,25 +172,36 @@ std::string chunked_response(int status, const std::string& body, std::size_t ch
 }
 
 scripted_server::scripted_server(std::vector<script> scripts, server_options options)
-    : scripts_(std::move(scripts)), options_(options) {
-    start();
+    : scripted_server(std::move(scripts), nullptr, options) {
 }
 
 scripted_server::scripted_server(script every_connection, server_options options)
-    : scripts_({std::move(every_connection)}), options_(options) {
-    start();
+    : scripted_server({std::move(every_connection)}, nullptr, options) {
 }
 
 scripted_server::scripted_server(request_handler handler, server_options options)
-    : handler_(std::move(handler)), options_(options) {
-    start();
+    : scripted_server({}, std::move(handler), options) {
+}
+
+scripted_server::scripted_server(std::vector<script> scripts, request_handler handler,
+                                 server_options options)
+    : scripts_(std::move(scripts)), handler_(std::move(handler)), options_(options),
+      listener_(bind_loopback(options.ipv6, &port_)) {
+    if (options_.receive_buffer > 0) {
+        setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &options_.receive_buffer, sizeof(int));
+    }
+    if (listen(listener_, 512) != 0 || pipe(wake_) != 0) {
+        fail_setup("listen");
+    }
+    for (int fd : {listener_, wake_[0], wake_[1]}) {
+        set_nonblocking(fd);
+    }
+    thread_ = std::thread([this] { run(); });
 }
 
 scripted_server::~scripted_server() {
     stopping_ = true;
-    if (write(wake_[1], "x", 1) < 0) {
-        // The pipe is full, so the thread is about to wake anyway.
-    }
+    wake();
     thread_.join();
     for (connection& conn : connections_) {
         if (conn.fd >= 0) {
@@ -225,24 +218,14 @@ std::string scripted_server::url(const std::string& path) const {
            std::to_string(port_) + path;
 }
 
-void scripted_server::start() {
-    listener_ = bind_loopback(options_.ipv6, &port_);
-    if (options_.receive_buffer > 0) {
-        setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &options_.receive_buffer, sizeof(int));
-    }
-    if (listen(listener_, 512) != 0 || pipe(wake_) != 0) {
-        fail_setup("listen");
-    }
-    set_nonblocking(listener_);
-    set_nonblocking(wake_[0]);
-    set_nonblocking(wake_[1]);
-    thread_ = std::thread([this] { run(); });
-}
-
 void scripted_server::release() {
     released_ = true;
+    wake();
+}
+
+void scripted_server::wake() {
     if (write(wake_[1], "x", 1) < 0) {
-        // As in the destructor.
+        // The pipe is full, so the thread is about to wake anyway.
     }
 }
 
@@ -296,6 +279,7 @@ void scripted_server::accept_one() {
     connection conn;
     conn.fd = fd;
     conn.index = static_cast<int>(connections_.size());
+    conn.answer = {expect_request()};
     connections_.push_back(std::move(conn));
     {
         std::lock_guard<std::mutex> guard(mutex_);
@@ -321,24 +305,46 @@ void scripted_server::read_from(connection& conn) {
     }
 }
 
+const script& scripted_server::steps_of(const connection& conn) const {
+    static const script none;
+    if (handler_) {
+        return conn.answer;
+    }
+    std::size_t last = scripts_.size() - 1;  // connections beyond it repeat it
+    return scripts_.empty() ? none : scripts_[std::min(static_cast<std::size_t>(conn.index), last)];
+}
+
+// Handler mode: what the request that was just taken leads to.
+void scripted_server::prepare_answer(connection& conn) {
+    std::string text = handler_(request(request_count() - 1));
+    std::string head = text.substr(0, text.find("\r\n\r\n"));
+    conn.answer = {expect_request(), send_text(text)};
+    if (strcasestr(head.c_str(), "\r\nConnection: close") != nullptr) {
+        conn.answer.push_back(close_now());
+    }
+}
+
 // Runs steps until one has to wait.
 void scripted_server::advance(connection& conn) {
     conn.wants_write = false;
     conn.deaf = false;
-    if (handler_) {
-        while (conn.fd >= 0 && answer(conn)) {
-        }
-    } else if (!scripts_.empty()) {
-        std::size_t last = scripts_.size() - 1;
-        std::size_t mine = static_cast<std::size_t>(conn.index);
-        const script& steps = scripts_[mine < last ? mine : last];
-        while (conn.fd >= 0 && conn.step < steps.size() && run_step(conn, steps[conn.step])) {
-            conn.step++;
-            conn.piece = 0;
-            conn.offset = 0;
-        }
+    while (conn.fd >= 0) {
+        const script& steps = steps_of(conn);
         if (conn.step >= steps.size()) {
             conn.input.clear();
+            break;
+        }
+        bool asked = steps[conn.step].kind == step_kind::expect;
+        if (!run_step(conn, steps[conn.step])) {
+            break;
+        }
+        conn.step++;
+        conn.piece = 0;
+        conn.offset = 0;
+        if (handler_ && asked) {
+            prepare_answer(conn);
+        } else if (handler_ && conn.step == conn.answer.size()) {
+            conn.step = 0;
         }
     }
     // A half closed peer can still be answered, but an idle one is finished with.
@@ -425,35 +431,6 @@ bool scripted_server::send_some(connection& conn, const std::vector<std::string>
     return true;
 }
 
-// Handler mode: true when a whole exchange was completed and the next may be waiting.
-bool scripted_server::answer(connection& conn) {
-    if (conn.answer.empty()) {
-        if (!take_request(conn)) {
-            return false;
-        }
-        received_request request;
-        {
-            std::lock_guard<std::mutex> guard(mutex_);
-            request = requests_.back();
-        }
-        conn.answer.push_back(handler_(request));
-        std::size_t head_end = conn.answer[0].find("\r\n\r\n");
-        std::string head = conn.answer[0].substr(0, head_end);
-        conn.close_after_answer = strcasestr(head.c_str(), "\r\nConnection: close") != nullptr;
-        conn.piece = 0;
-        conn.offset = 0;
-    }
-    if (!send_some(conn, conn.answer)) {
-        return false;
-    }
-    conn.answer.clear();
-    if (conn.close_after_answer) {
-        end(conn, false);
-        return false;
-    }
-    return true;
-}
-
 void scripted_server::end(connection& conn, bool with_reset) {
     if (with_reset) {
         linger off = {1, 0};
@@ -496,11 +473,6 @@ std::size_t scripted_server::request_count() const {
 std::size_t scripted_server::connection_count() const {
     std::lock_guard<std::mutex> guard(mutex_);
     return connection_total_;
-}
-
-std::size_t scripted_server::disconnect_count() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return disconnect_total_;
 }
 
 bool scripted_server::wait_for(const std::size_t& counter, std::size_t count,

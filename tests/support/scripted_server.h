@@ -23,6 +23,12 @@
 
 using milliseconds = std::chrono::milliseconds;
 
+struct not_copied {
+    not_copied() = default;
+    not_copied(const not_copied&) = delete;
+    not_copied& operator=(const not_copied&) = delete;
+};
+
 // The deadline of every wait that is expected to succeed.
 constexpr milliseconds default_deadline{10000};
 
@@ -63,7 +69,6 @@ step expect_request();
 step read_bytes(std::size_t count);
 step send_text(const std::string& bytes);
 step send_bytewise(const std::string& bytes);
-step send_pieces(const std::vector<std::string>& pieces);
 step stall();
 step stall_deaf();
 step reset();
@@ -76,23 +81,26 @@ std::string response(int status, const std::string& body, const std::string& hea
 std::string chunked_response(int status, const std::string& body, std::size_t chunk,
                              const std::string& headers = "");
 
+// One request and its answer, and the same with an end of the sending direction behind it.
+script reply_with(const std::string& bytes);
+script reply_and_close(const std::string& bytes);
+
 // Answers one request of a server in handler mode. Runs on the server's thread. A response that
 // says "Connection: close" is followed by a close.
 using request_handler = std::function<std::string(const received_request&)>;
+request_handler always(const std::string& answer);
 
 struct server_options {
     bool ipv6 = false;       // listen on ::1 instead of 127.0.0.1
     int receive_buffer = 0;  // bytes of the sockets' receive buffers; 0: the system's default
 };
 
-class scripted_server {
+class scripted_server : not_copied {
   public:
     explicit scripted_server(std::vector<script> scripts, server_options options = {});
     explicit scripted_server(script every_connection, server_options options = {});
     explicit scripted_server(request_handler handler, server_options options = {});
     ~scripted_server();
-    scripted_server(const scripted_server&) = delete;
-    scripted_server& operator=(const scripted_server&) = delete;
 
     std::uint16_t port() const {
         return port_;
@@ -107,7 +115,6 @@ class scripted_server {
     received_request request(std::size_t index) const;  // empty when there are fewer
     std::size_t request_count() const;
     std::size_t connection_count() const;
-    std::size_t disconnect_count() const;
 
     // True when at least `count` of them have been seen before the deadline.
     bool wait_for_requests(std::size_t count, milliseconds deadline = default_deadline);
@@ -117,15 +124,17 @@ class scripted_server {
   private:
     struct connection;
 
-    void start();
+    scripted_server(std::vector<script> scripts, request_handler handler, server_options options);
     void run();
+    void wake();
     void accept_one();
     void read_from(connection& conn);
     void advance(connection& conn);
+    const script& steps_of(const connection& conn) const;
     bool run_step(connection& conn, const step& now);
+    void prepare_answer(connection& conn);
     bool take_request(connection& conn);
     bool send_some(connection& conn, const std::vector<std::string>& pieces);
-    bool answer(connection& conn);
     void end(connection& conn, bool with_reset);
     void record(received_request request);
     bool wait_for(const std::size_t& counter, std::size_t count, milliseconds deadline);
@@ -133,9 +142,9 @@ class scripted_server {
     std::vector<script> scripts_;
     request_handler handler_;
     server_options options_;
+    std::uint16_t port_ = 0;
     int listener_ = -1;
     int wake_[2] = {-1, -1};
-    std::uint16_t port_ = 0;
     std::atomic<bool> stopping_{false};
     std::atomic<bool> released_{false};
     std::vector<connection> connections_;
@@ -149,14 +158,15 @@ class scripted_server {
     std::size_t disconnect_total_ = 0;
 };
 
+// A bound socket on a loopback port of the system's choosing, which is stored in `port`.
+int bind_loopback(bool ipv6, std::uint16_t* port);
+
 // A port on 127.0.0.1 that answers no connection attempt: its queue of pending connections is full
 // and nobody accepts.
-class blackhole_listener {
+class blackhole_listener : not_copied {
   public:
     blackhole_listener();
     ~blackhole_listener();
-    blackhole_listener(const blackhole_listener&) = delete;
-    blackhole_listener& operator=(const blackhole_listener&) = delete;
 
     std::uint16_t port() const {
         return port_;

@@ -278,16 +278,9 @@ std::string tls_peer::version() const {
 
 tls_server::tls_server(behaviour behave, tls_options options)
     : behave_(std::move(behave)), options_(std::move(options)), ctx_(make_context(options_)) {
-    sockaddr_in address = {};
-    socklen_t length = sizeof address;
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    require(bind(listener_, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
-                listen(listener_, 128) == 0 && pipe2(stop_, O_CLOEXEC) == 0,
-            "no socket");
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
+    listener_ = bind_loopback(false, &port_);
+    fcntl(listener_, F_SETFL, O_NONBLOCK);
+    require(listen(listener_, 128) == 0 && pipe2(stop_, O_CLOEXEC) == 0, "no socket");
     thread_ = std::thread([this] { run(); });
 }
 

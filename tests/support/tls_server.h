@@ -80,14 +80,12 @@ class tls_peer {
     const std::atomic<bool>* released_ = nullptr;
 };
 
-class tls_server {
+class tls_server : not_copied {
   public:
     using behaviour = std::function<void(tls_peer&)>;
 
     explicit tls_server(behaviour behave, tls_options options = {});
     ~tls_server();
-    tls_server(const tls_server&) = delete;
-    tls_server& operator=(const tls_server&) = delete;
 
     std::uint16_t port() const {
         return port_;
