@@ -15,7 +15,7 @@ inline void YieldProcessor(void) {
 #endif
 }
 
-// Gives the processor to another thread that could run; not 0 when it did, as far as is known.
+// Gives the processor to another thread that could run. Not 0, whether or not there was one.
 inline BOOL SwitchToThread(void) {
     return sched_yield() == 0;
 }

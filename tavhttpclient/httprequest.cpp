@@ -150,6 +150,7 @@ static uint32_t _http_request_send_data(http_session* session, const char* bytes
         return TAV_HTTP_ERROR_CODE_FAIL_SEND;
     }
     if (session->upload_progress_cb != nullptr && session_may_call_host(session)) {
+        send_missing_workers();  // The host may block in it.
         session->upload_progress_cb(session, session->user_data, (uint64_t)request->sent_bytes,
                                     bytes, (uint32_t)count, (uint64_t)request->total_bytes);
     }

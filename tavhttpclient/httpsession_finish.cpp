@@ -169,8 +169,10 @@ static void _end_flight(http_session* session, void* task, void (*release_hook)(
     }
 }
 
-// On the loop thread, when the worker pool cannot be used.
+// On the loop thread, when the worker pool takes no work.
 static void _notify_complete_directly(http_session* session) {
+    LOG_ERROR("_async_notify_download_complete, uv_queue_work failed, id=%u, result=%d",
+              session->id, session->result);
     void* task;
     void (*release_hook)(void* task);
     _take_release(session, &task, &release_hook);
@@ -181,7 +183,7 @@ static void _notify_complete_directly(http_session* session) {
 // Loop thread. From _work_notify_download_complete; the session's last step.
 static void _after_work_notify_download_complete(worker_step* req, int status) {
     complete_work* work = (complete_work*)req->data;
-    if (status != 0) {
+    if (!LOG_ASSERT(status == 0)) {
         _notify_complete_directly(work->session);
     } else {
         _end_flight(work->session, work->task, work->release_hook);
@@ -265,8 +267,6 @@ void _notify_download_complete(http_session* session, uint32_t code) {
         _hand_back_connection(session);
     }
     if (!LOG_ASSERT(_queue_complete_notification(session))) {
-        LOG_ERROR("_async_notify_download_complete, uv_queue_work failed, id=%u, result=%d",
-                  session->id, session->result);
         _notify_complete_directly(session);
     }
 }

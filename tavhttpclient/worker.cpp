@@ -12,8 +12,6 @@
 #include "tavhttpclient/loop.h"
 
 enum {
-    DEFAULT_POOL_SIZE = 4,  // libuv's, and its limit
-    MAX_POOL_SIZE = 1024,
     SPINS = 64,          // between two looks at the clock
     RESULTS_A_TURN = 64  // so that the network gets its turn
 };
@@ -53,10 +51,10 @@ struct worker_queue {
     // Loop thread.
     int32_t in_flight;  // steps
     int32_t workers;    // visits
-    int32_t pool_size;
     bool one_processor;
+    bool looks;  // for results, until:
     bool ready;
-    uint64_t look_until;  // for results
+    uint64_t look_until;
     uint64_t stalled_at;  // since when no step was taken
     uint32_t taken_then;
 };
@@ -102,7 +100,7 @@ static worker_step* _next_step(bool was_busy) {
     uv_mutex_lock(&queue.mutex);
     queue.free_workers += was_busy ? 1 : 0;
     worker_step* step = _take_step();
-    if (step == nullptr && was_busy && !queue.someone_looks) {
+    if (step == nullptr && was_busy && !queue.someone_looks && !queue.one_processor) {
         uint64_t until = uv_hrtime() + _looking_time();
         bool found = true;
         queue.someone_looks = true;
@@ -154,25 +152,30 @@ static void _work_visit(uv_work_t* request) {
 
 static void _after_work_visit(uv_work_t* request, int status);
 
-static int _send_worker(void) {
-    worker_visit* visit = (worker_visit*)calloc(1, sizeof(worker_visit));
-    if (visit == nullptr) {
-        return UV_ENOMEM;
-    }
+// Sends a worker; 0, or the pool's error.
+static int _begin_visit(worker_visit* visit) {
     uv_mutex_lock(&queue.mutex);
     queue.free_workers++;
     uv_mutex_unlock(&queue.mutex);
     visit->sent_at = uv_hrtime();
     int ret = uv_queue_work(queue.loop, &visit->request, _work_visit, _after_work_visit);
-    if (ret == 0) {
-        queue.workers++;
-        return 0;
+    if (ret != 0) {
+        uv_mutex_lock(&queue.mutex);
+        queue.free_workers--;
+        uv_mutex_unlock(&queue.mutex);
     }
-    uv_mutex_lock(&queue.mutex);
-    queue.free_workers--;
-    uv_mutex_unlock(&queue.mutex);
-    free(visit);
     return ret;
+}
+
+static int _send_worker(void) {
+    worker_visit* visit = (worker_visit*)calloc(1, sizeof(worker_visit));
+    int ret = visit != nullptr ? _begin_visit(visit) : UV_ENOMEM;
+    if (ret != 0) {
+        free(visit);
+        return ret;
+    }
+    queue.workers++;
+    return 0;
 }
 
 static void _take_back(worker_step* step) {
@@ -200,8 +203,8 @@ int queue_worker_step(worker_step* step, worker_function work, after_worker_func
     }
     if (queue.in_flight++ == 0) {
         uv_ref((uv_handle_t*)&queue.wake);
-        queue.look_until = uv_hrtime() + _looking_time();
     }
+    queue.look_until = uv_hrtime() + _looking_time();
     return 0;
 }
 
@@ -238,19 +241,23 @@ static void _send_missing_workers(bool before_sleep) {
     }
     queue.taken_then = queue.taken;
     uv_mutex_unlock(&queue.mutex);
-    if (!before_sleep && queue.workers > 0) {
+    if (!before_sleep) {
         missing = missing > 0 && stalled ? 1 : 0;
     }
-    int ret = 0;
-    for (; missing > 0 && ret == 0 && queue.workers < queue.pool_size; missing--) {
-        ret = _send_worker();
-    }
-    if (ret != 0 && queue.workers == 0) {
-        _refuse_waiting(ret);
+    while (missing > 0 && _send_worker() == 0) {
+        missing--;
     }
 }
 
+void send_missing_workers(void) {
+    _send_missing_workers(true);
+}
+
 static bool _run_results(void) {
+    // Only looking leaves the workers' cache line alone.
+    if (queue.results.load(std::memory_order_relaxed) == nullptr) {
+        return false;
+    }
     worker_step* newest = queue.results.exchange(nullptr);
     worker_step* oldest = nullptr;
     while (newest != nullptr) {
@@ -259,7 +266,6 @@ static bool _run_results(void) {
         step->next = oldest;
         oldest = step;
     }
-    bool any = oldest != nullptr;
     while (oldest != nullptr) {
         worker_step* step = oldest;
         oldest = step->next;
@@ -268,14 +274,23 @@ static bool _run_results(void) {
         }
         step->after(step, step->status);
     }
-    return any;
+    return true;
 }
 
 // Loop thread. From _work_visit.
 static void _after_work_visit(uv_work_t* request, int status) {
     (void)status;
-    queue.workers--;
-    free(request);
+    worker_visit* visit = (worker_visit*)request;
+    bool needed = queue.workers == 1 && queue.waiting_hint.load(std::memory_order_relaxed) > 0;
+    // The last worker does not leave while a step waits: its visit begins anew.
+    int ret = needed ? _begin_visit(visit) : 0;
+    if (!needed || ret != 0) {
+        queue.workers--;
+        free(visit);
+    }
+    if (ret != 0) {
+        _refuse_waiting(ret);
+    }
     _run_results();
 }
 
@@ -291,17 +306,18 @@ static void _on_idle(uv_idle_t* idle) {
 // loop, and what was handed over before is seen here.
 static void _on_prepare(uv_prepare_t* prepare) {
     (void)prepare;
-    bool looks = queue.in_flight > 0 && uv_hrtime() < queue.look_until;
-    _send_missing_workers(!looks);
-    if (!looks) {
+    queue.looks = queue.in_flight > 0 && uv_hrtime() < queue.look_until;
+    _send_missing_workers(!queue.looks);
+    bool waits = !queue.looks;
+    if (waits) {
         queue.loop_sleeps.store(1);
-        looks = queue.results.load() != nullptr || has_queued_calls(queue.owner);
+        waits = queue.results.load() == nullptr && !has_queued_calls(queue.owner);
     }
-    if (looks) {
+    if (waits) {
+        uv_idle_stop(&queue.idle);
+    } else {
         queue.loop_sleeps.store(0);
         uv_idle_start(&queue.idle, _on_idle);
-    } else {
-        uv_idle_stop(&queue.idle);
     }
 }
 
@@ -310,35 +326,28 @@ static void _on_check(uv_check_t* check) {
     (void)check;
     queue.loop_sleeps.store(0);
     run_queued_calls(queue.owner);
+    int spins = queue.looks ? SPINS : 1;
     int results = 0;
-    for (int i = 0; i < SPINS && queue.in_flight > 0 && results < RESULTS_A_TURN; i++) {
+    for (int i = 0; i < spins && queue.in_flight > 0 && results < RESULTS_A_TURN; i++) {
         if (_run_results()) {
             queue.look_until = uv_hrtime() + _looking_time();
+            spins = queue.one_processor ? 1 : SPINS;
             results++;
             i = 0;
         }
-        run_queued_calls(queue.owner);
-        if (has_deferred_calls(queue.owner)) {
+        // Both are for the next turn.
+        if (has_deferred_calls(queue.owner) || has_queued_calls(queue.owner)) {
             return;
         }
         YieldProcessor();
     }
-    if (queue.in_flight > 0) {
+    if (spins == SPINS && queue.in_flight > 0) {
         SwitchToThread();
     }
 }
 
 static void _on_wake(uv_async_t* wake) {
     (void)wake;  // _on_check does the work.
-}
-
-static int32_t _get_pool_size(void) {
-    const char* text = getenv("UV_THREADPOOL_SIZE");
-    int size = text != nullptr ? atoi(text) : DEFAULT_POOL_SIZE;
-    if (size < 1) {
-        return 1;
-    }
-    return size < MAX_POOL_SIZE ? size : MAX_POOL_SIZE;
 }
 
 static void _reset_queue(event_loop* owner) {
@@ -348,10 +357,15 @@ static void _reset_queue(event_loop* owner) {
     queue.waiting_count = 0;
     queue.waiting_hint.store(0);
     queue.free_workers = 0;
+    queue.taken = 0;
+    queue.taken_then = 0;
+    queue.stalled_at = 0;
+    queue.look_until = 0;
+    queue.results.store(nullptr);
+    queue.loop_sleeps.store(1);
     queue.wake_ns.store(FIRST_WAKE_NS);
     queue.in_flight = 0;
     queue.workers = 0;
-    queue.pool_size = _get_pool_size();
     queue.one_processor = uv_available_parallelism() == 1;
 }
 
@@ -387,7 +401,6 @@ void uninit_workers(void) {
         uv_run(queue.loop, UV_RUN_ONCE);
     }
     queue.ready = false;
-    queue.loop_sleeps.store(1);
     uv_close((uv_handle_t*)&queue.wake, nullptr);
     uv_close((uv_handle_t*)&queue.prepare, nullptr);
     uv_close((uv_handle_t*)&queue.check, nullptr);

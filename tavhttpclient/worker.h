@@ -31,10 +31,14 @@ LIST_ENTRY_CHECK(worker_step);
 
 // Runs `work(step)` on a worker thread and then `after(step, status)` on the loop thread, never
 // from inside this call. Steps begin in the order in which they are queued, and none waits for one
-// that blocks while the pool has a thread left. The status is 0, or libuv's error when the pool
-// refused the step: `work` was not called then. Loop thread. Result: 0, or libuv's error and
-// nothing will be called.
+// that blocks while the pool has a thread left and the loop thread goes on. The status is 0, or
+// libuv's error when the pool refused the step: `work` was not called then. Loop thread. Result: 0,
+// or libuv's error and nothing will be called.
 int queue_worker_step(worker_step* step, worker_function work, after_worker_function after);
+
+// What the loop thread does before it sleeps, for a caller that may hold it up instead: sends each
+// waiting step a worker of its own.
+void send_missing_workers(void);
 
 // Any thread. False: the loop thread is awake and looks at its queues again before it sleeps.
 bool loop_thread_sleeps(void);
