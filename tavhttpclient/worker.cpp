@@ -39,7 +39,7 @@ struct worker_queue {
     bool someone_looks;    // one worker is enough for that
 
     std::atomic<uint32_t> wake_ns;      // moving average of what it takes until a worker begins
-    std::atomic<int32_t> waiting_hint;  // waiting_count, to be looked at without the mutex
+    std::atomic<int32_t> waiting_hint;  // about waiting_count, to be looked at without the mutex
     std::atomic<worker_step*> results;  // steps that have run, newest first
     std::atomic<uint8_t> loop_sleeps;   // whoever hands something over has to wake it
 
@@ -61,6 +61,22 @@ struct worker_queue {
 
 static worker_queue queue;
 
+// The mutex is held for some instructions: whoever finds it taken has it sooner by asking again
+// than by going to sleep.
+static void _lock(void) {
+    for (int i = 0; i < SPINS; i++) {
+        if (uv_mutex_trylock(&queue.mutex) == 0) {
+            return;
+        }
+        YieldProcessor();
+    }
+    uv_mutex_lock(&queue.mutex);
+}
+
+static void _unlock(void) {
+    uv_mutex_unlock(&queue.mutex);
+}
+
 // ----------------------------------------------------------------------------- worker threads
 
 // Under the mutex.
@@ -70,7 +86,7 @@ static worker_step* _take_step(void) {
         queue.taken++;
         queue.free_workers--;
         queue.waiting_count--;
-        queue.waiting_hint.store(queue.waiting_count, std::memory_order_relaxed);
+        queue.waiting_hint.fetch_sub(1, std::memory_order_relaxed);
     }
     return step;
 }
@@ -97,7 +113,7 @@ static uint64_t _looking_time(void) {
 
 // Null: the worker is no longer counted as free, and has to go.
 static worker_step* _next_step(bool was_busy) {
-    uv_mutex_lock(&queue.mutex);
+    _lock();
     queue.free_workers += was_busy ? 1 : 0;
     worker_step* step = _take_step();
     if (step == nullptr && was_busy && !queue.someone_looks && !queue.one_processor) {
@@ -105,15 +121,15 @@ static worker_step* _next_step(bool was_busy) {
         bool found = true;
         queue.someone_looks = true;
         while (step == nullptr && found) {
-            uv_mutex_unlock(&queue.mutex);
+            _unlock();
             found = _look_for_step(until);
-            uv_mutex_lock(&queue.mutex);
+            _lock();
             step = _take_step();
         }
         queue.someone_looks = false;
     }
     queue.free_workers -= step == nullptr ? 1 : 0;
-    uv_mutex_unlock(&queue.mutex);
+    _unlock();
     return step;
 }
 
@@ -154,15 +170,15 @@ static void _after_work_visit(uv_work_t* request, int status);
 
 // Sends a worker; 0, or the pool's error.
 static int _begin_visit(worker_visit* visit) {
-    uv_mutex_lock(&queue.mutex);
+    _lock();
     queue.free_workers++;
-    uv_mutex_unlock(&queue.mutex);
+    _unlock();
     visit->sent_at = uv_hrtime();
     int ret = uv_queue_work(queue.loop, &visit->request, _work_visit, _after_work_visit);
     if (ret != 0) {
-        uv_mutex_lock(&queue.mutex);
+        _lock();
         queue.free_workers--;
-        uv_mutex_unlock(&queue.mutex);
+        _unlock();
     }
     return ret;
 }
@@ -179,22 +195,23 @@ static int _send_worker(void) {
 }
 
 static void _take_back(worker_step* step) {
-    uv_mutex_lock(&queue.mutex);
+    _lock();
     list_unlink(&step->link);
     queue.waiting_count--;
-    queue.waiting_hint.store(queue.waiting_count, std::memory_order_relaxed);
-    uv_mutex_unlock(&queue.mutex);
+    _unlock();
+    queue.waiting_hint.fetch_sub(1, std::memory_order_relaxed);
 }
 
 int queue_worker_step(worker_step* step, worker_function work, after_worker_function after) {
     step->work = work;
     step->after = after;
     step->status = 0;
-    uv_mutex_lock(&queue.mutex);
+    _lock();
     list_append(&queue.waiting, &step->link);
     queue.waiting_count++;
-    queue.waiting_hint.store(queue.waiting_count, std::memory_order_relaxed);
-    uv_mutex_unlock(&queue.mutex);
+    _unlock();
+    // Behind the lock: a worker that looks asks for it at once.
+    queue.waiting_hint.fetch_add(1, std::memory_order_relaxed);
     // With a worker at hand the step is seen to; _send_missing_workers does the rest.
     int ret = queue.workers == 0 ? _send_worker() : 0;
     if (ret != 0) {
@@ -212,13 +229,13 @@ int queue_worker_step(worker_step* step, worker_function work, after_worker_func
 static void _refuse_waiting(int status) {
     list_link refused;
     list_init(&refused);
-    uv_mutex_lock(&queue.mutex);
+    _lock();
     while (list_link* entry = list_take_first(&queue.waiting)) {
         list_append(&refused, entry);
     }
+    queue.waiting_hint.fetch_sub(queue.waiting_count, std::memory_order_relaxed);
     queue.waiting_count = 0;
-    queue.waiting_hint.store(0, std::memory_order_relaxed);
-    uv_mutex_unlock(&queue.mutex);
+    _unlock();
     while (list_link* entry = list_take_first(&refused)) {
         worker_step* step = (worker_step*)entry;
         step->status = status;
@@ -233,14 +250,14 @@ static void _send_missing_workers(bool before_sleep) {
         return;
     }
     uint64_t now = uv_hrtime();
-    uv_mutex_lock(&queue.mutex);
+    _lock();
     int32_t missing = queue.waiting_count - queue.free_workers;
     bool stalled = queue.taken == queue.taken_then && now - queue.stalled_at > queue.wake_ns.load();
     if (stalled || queue.taken != queue.taken_then) {
         queue.stalled_at = now;
     }
     queue.taken_then = queue.taken;
-    uv_mutex_unlock(&queue.mutex);
+    _unlock();
     if (!before_sleep) {
         missing = missing > 0 && stalled ? 1 : 0;
     }
