@@ -393,8 +393,8 @@ static int32_t _open_handles(uv_loop_t* loop) {
     return count;
 }
 
-// How long the end of the loop waits for handles and file work when a lookup hangs, in turns of
-// one millisecond.
+// How long the end of the loop waits for handles when a lookup hangs, in turns of one millisecond.
+// Steps on workers are always waited for.
 enum {
     ABANDON_TURNS = 200
 };

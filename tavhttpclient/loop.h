@@ -23,7 +23,8 @@ struct stop_context {
     void (*finish)(event_loop* loop);
 };
 
-// One per running loop; written by the loop thread, except `queue` (any thread, under queue_mutex).
+// One per running loop; written by the loop thread, except `queue` and
+// `has_calls` (any thread, under queue_mutex).
 struct event_loop {
     uv_loop_t* loop;
     uv_thread_t thread;

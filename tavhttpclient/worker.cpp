@@ -13,7 +13,7 @@
 
 enum {
     SPINS = 64,          // between two looks at the clock
-    RESULTS_A_TURN = 64  // so that the network gets its turn
+    BATCHES_A_TURN = 64  // of results, so that the network gets its turn
 };
 
 // Times in nanoseconds.
@@ -64,7 +64,8 @@ static worker_queue queue;
 // The mutex is held for some instructions: whoever finds it taken has it sooner by asking again
 // than by going to sleep.
 static void _lock(void) {
-    for (int i = 0; i < SPINS; i++) {
+    int tries = queue.one_processor ? 1 : SPINS;
+    for (int i = 0; i < tries; i++) {
         if (uv_mutex_trylock(&queue.mutex) == 0) {
             return;
         }
@@ -344,12 +345,12 @@ static void _on_check(uv_check_t* check) {
     queue.loop_sleeps.store(0);
     run_queued_calls(queue.owner);
     int spins = queue.looks ? SPINS : 1;
-    int results = 0;
-    for (int i = 0; i < spins && queue.in_flight > 0 && results < RESULTS_A_TURN; i++) {
+    int batches = 0;
+    for (int i = 0; i < spins && queue.in_flight > 0 && batches < BATCHES_A_TURN; i++) {
         if (_run_results()) {
             queue.look_until = uv_hrtime() + _looking_time();
             spins = queue.one_processor ? 1 : SPINS;
-            results++;
+            batches++;
             i = 0;
         }
         // Both are for the next turn.

@@ -4,8 +4,8 @@
 // The same as uv_queue_work, but for the way a step is handed over. Putting a thread to sleep and
 // waking it again costs many times what a step takes. So a worker that has run a step looks for
 // the next one for a moment before it goes back to the pool, and the loop thread looks for the
-// result for a moment before it sleeps in its poll. A moment is about as long as it takes to wake
-// a worker, which is measured: longer would cost more than it can save.
+// result for a moment before it sleeps in its poll. A moment is about twice as long as it takes to
+// wake a worker, which is measured: longer would cost more than it can save.
 #ifndef TAVHTTPCLIENT_WORKER_H
 #define TAVHTTPCLIENT_WORKER_H
 

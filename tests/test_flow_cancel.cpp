@@ -55,6 +55,26 @@ TEST(Callbacks, CancelOrCloseInsideEachOfThem) {
     EXPECT_TRUE(descriptors.back_to_start());
 }
 
+TEST(Callbacks, CloseInsideTheCompletion) {
+    descriptor_guard descriptors;
+    {
+        library lib;
+        for (std::uint32_t keep_alive : {0u, 1u}) {
+            scripted_server server(reply_with(response(200, "x")));
+            transfer get(server.url());
+            get.set(TAV_HTTP_OPTION_KEEP_ALIVE, keep_alive, std::int32_t{0}, std::int32_t{0});
+            get.at("complete", [](transfer& self) {
+                EXPECT_EQ("x", self.body());
+                EXPECT_EQ(0u, self.cancel()) << "harmless by now";
+                EXPECT_EQ(code::closing, self.close());
+            });
+            EXPECT_EQ(0u, get.run());
+            EXPECT_EQ(1, get.completions());
+        }
+    }
+    EXPECT_TRUE(descriptors.back_to_start());
+}
+
 // A transfer that succeeds, and leaves nothing behind when it returns.
 void fetch_one() {
     scripted_server server(reply_with(response(200, "x")));

@@ -310,7 +310,7 @@ void run_plan(const plan& now, library& lib) {
         options_of(now.way));
     std::unique_ptr<transfer> get = open_transfer(now.way, server);
     if (now.what == fault::stall) {
-        get->set(TAV_HTTP_OPTION_IO_TIMEOUT, 50);
+        get->set(TAV_HTTP_OPTION_IO_TIMEOUT, 300);
     }
     if (now.host == action::time_out) {
         get->set(TAV_HTTP_OPTION_SESSION_TIMEOUT, 25);

@@ -97,6 +97,30 @@ TEST(FileTarget, FailuresLeaveTheOldFileAndNothingElse) {
     }
 }
 
+TEST(FileTarget, AnErrorBodyGoesThereOnlyOnRequest) {
+    library lib;
+    for (int kind = 0; kind < 4; kind++) {
+        bool keep = (kind & 1) != 0;
+        bool to_file = (kind & 2) != 0;
+        SCOPED_TRACE(kind);
+        work_dir dir;
+        scripted_server server(reply_with(response(404, "gone")));
+        transfer get(server.url());
+        get.set(TAV_HTTP_OPTION_KEEP_ERROR_BODY, keep ? 1u : 0u);
+        if (to_file) {
+            get.set(TAV_HTTP_OPTION_DOWNLOAD_FILE, "out.bin");
+        } else {
+            get.record_data();
+        }
+        get.record();
+        EXPECT_EQ(code::status, get.run());
+        EXPECT_EQ(keep ? "gone" : "", to_file ? read_file("out.bin") : get.data());
+        EXPECT_EQ(keep ? "" : "gone", get.body());
+        EXPECT_EQ(keep ? 1u : 0u, get.event_count("start"));
+        EXPECT_EQ(keep && to_file, file_exists("out.bin"));
+    }
+}
+
 TEST(FileTarget, UnusableTargets) {
     library lib;
     work_dir dir;

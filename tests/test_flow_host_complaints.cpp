@@ -94,6 +94,27 @@ TEST(InsideCallbacks, EveryFunctionMayBeCalled) {
     EXPECT_TRUE(descriptors.back_to_start());
 }
 
+TEST(InsideCallbacks, ACompletionMayCloseItsSessionAndSendTheNext) {
+    library lib;
+    scripted_server server(always(response(200, "x")));
+    const std::size_t count = 50;
+    std::vector<std::unique_ptr<transfer>> chain;
+    for (std::size_t i = 0; i < count; i++) {
+        chain.push_back(std::make_unique<transfer>(server.url()));
+        chain[i]->at("complete", [&, i](transfer& self) {
+            EXPECT_EQ("x", self.body());
+            self.close();
+            if (i + 1 < count) {
+                EXPECT_EQ(0u, chain[i + 1]->send());
+            }
+        });
+    }
+    EXPECT_EQ(0u, chain[0]->send());
+    for (auto& one : chain) {
+        EXPECT_EQ(0u, one->wait());
+    }
+}
+
 std::atomic<int> log_calls{0};
 
 // A host that uses the library for its log lines, on whatever thread they come.

@@ -109,7 +109,7 @@ TEST(Scheduling, RunningPriorityYieldsForLargeDownloads) {
     std::vector<std::unique_ptr<transfer>> all;
     for (int i = 0; i < 6; i++) {
         all.push_back(make(server, "/"));
-        all.back()->set(TAV_HTTP_OPTION_IO_TIMEOUT, 4000);
+        all.back()->set(TAV_HTTP_OPTION_IO_TIMEOUT, 60000);
         all.back()->send();
         ASSERT_TRUE(server.wait_for_requests(static_cast<std::size_t>(i) + 1));
     }

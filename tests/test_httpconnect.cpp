@@ -92,7 +92,7 @@ TEST(HttpConnect, RefusesUnreadableUrlsAndOtherThreads) {
 }
 
 // The end of the loop closes connections at any stage; their results must never come.
-TEST(HttpConnect, WhatWasClosedBeforeItsFirstStepOrInItsLookupStaysClosed) {
+TEST(HttpConnect, WhatIsClosedAtAnyStageStaysClosed) {
     lookup_release release;
     log_capture log;
     library lib;
@@ -114,6 +114,22 @@ TEST(HttpConnect, WhatWasClosedBeforeItsFirstStepOrInItsLookupStaysClosed) {
     ASSERT_TRUE(wait_until([] { return hanging_lookups() == 1; }));
     on_loop([] { http_connect_close_all(); });
     release_lookups();
+    // While the sockets connect, and in the middle of a TLS handshake.
+    blackhole_listener deaf;
+    scripted_server silent{script{stall()}};
+    auto start_at = [&](const std::string& url, const std::function<bool()>& reached) {
+        on_loop([&] {
+            EXPECT_EQ(0u, http_connect_start(url.c_str(), nullptr, session, 60000, true, false,
+                                             nullptr, 0));
+        });
+        EXPECT_TRUE(wait_until(reached)) << url;
+        on_loop([] { http_connect_close_all(); });
+    };
+    start_at(deaf.url(), [&] { return log.has_line("conn6=(nil)"); });
+#if TAV_HTTP_WITH_TLS
+    start_at("https" + silent.url().substr(4), [&] { return silent.connection_count() == 1; });
+    EXPECT_TRUE(silent.wait_for_disconnects(1));
+#endif
     EXPECT_TRUE(server.wait_for_connections(1));
     EXPECT_TRUE(server.wait_for_disconnects(1)) << "connected after its close, and closed too";
     EXPECT_EQ(1u, server.connection_count());

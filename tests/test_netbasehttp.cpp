@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+
 #include "tavhttpclient/httpsession.h"
 #include "tavhttpclient/uvhelper.h"
 #include "tests/support/host.h"
@@ -69,7 +71,9 @@ struct wire {
         EXPECT_TRUE(wait_until([this] { return calls == 1; }));
     }
     ~wire() {
-        on_loop([this] { EXPECT_TRUE(http_connect_close(conn)); });
+        if (conn != nullptr) {
+            on_loop([this] { EXPECT_TRUE(http_connect_close(conn)); });
+        }
     }
     std::uint32_t send(const std::string& bytes, std::int32_t timeout) {
         return http_send(conn, this, bytes.data(), static_cast<std::int32_t>(bytes.size()), timeout,
@@ -86,6 +90,24 @@ struct wire {
                          });
     }
 };
+
+TEST(PlainTransport, ACloseUnderPendingOperationsReportsNothing) {
+    descriptor_guard descriptors;
+    {
+        library lib;
+        scripted_server server(script{stall_deaf()}, small_window);
+        std::optional<wire> io(server.port());
+        on_loop([&] {
+            EXPECT_EQ(0u, io->send(too_much, 60000));
+            EXPECT_EQ(0u, io->recv(60000));
+            EXPECT_TRUE(http_connect_close(io->conn));
+            io->conn = nullptr;
+        });
+        lib.shutdown();
+        EXPECT_EQ(1, io->calls) << "the connect's";
+    }
+    EXPECT_TRUE(descriptors.back_to_start());
+}
 
 TEST(PlainTransport, ASendTimeOutTakesTheStreamFromTheReceiveBesideIt) {
     library lib;
