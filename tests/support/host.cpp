@@ -1,5 +1,6 @@
 #include "tests/support/host.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
@@ -473,10 +474,19 @@ work_dir::~work_dir() {
 }
 
 std::vector<std::string> work_dir::names() const {
+    // Not with opendir: libuv closes sockets behind the thread sanitizer's back, which then takes
+    // the descriptor's next use on this thread for a race.
     std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(path_)) {
-        names.push_back(entry.path().filename().string());
+    dirent** entries = nullptr;
+    int count = scandir(path_.c_str(), &entries, nullptr, alphasort);
+    for (int i = 0; i < count; i++) {
+        std::string name = entries[i]->d_name;
+        if (name != "." && name != "..") {
+            names.push_back(name);
+        }
+        free(entries[i]);
     }
+    free(entries);
     std::sort(names.begin(), names.end());
     return names;
 }
