@@ -2,6 +2,8 @@
 // a byte that chooses one and a line for its value.
 #include "fuzz/fuzz_support.h"
 
+#include "tavhttpclient/httpoption.h"
+#include "tavhttpclient/httprequest.h"
 #include "tavhttpclient/httpsession.h"
 
 namespace {

@@ -4,6 +4,10 @@
 #include "fuzz/fuzz_support.h"
 
 #include "tavhttpclient/cookiemgr.h"
+#include "tavhttpclient/httpconnect.h"
+#include "tavhttpclient/httpoption.h"
+#include "tavhttpclient/httprequest.h"
+#include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/httpsession.h"
 
 namespace {

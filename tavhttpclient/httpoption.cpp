@@ -12,7 +12,7 @@
 #include "tavhttpclient/httpinit.h"
 #include "tavhttpclient/httprequest.h"
 #include "tavhttpclient/httpresponse.h"
-#include "tavhttpclient/httpsession.h"
+#include "tavhttpclient/session_record.h"
 
 enum {
     FORMATTED_VALUE_CAPACITY = 128,

@@ -18,8 +18,9 @@
 #include "platform/win_file.h"
 #include "tavhttpclient/fs.h"
 #include "tavhttpclient/httpconnect.h"
-#include "tavhttpclient/httpsession.h"
+#include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
+#include "tavhttpclient/session_record.h"
 
 // One preparation on the worker pool; `work.data` is the session.
 struct init_upload_work {

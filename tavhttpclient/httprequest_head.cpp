@@ -12,7 +12,8 @@
 #include "tavhttpclient/fs.h"
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httprequest.h"
-#include "tavhttpclient/httpsession.h"
+#include "tavhttpclient/log.h"
+#include "tavhttpclient/session_record.h"
 
 enum {
     HEAD_CAPACITY = 512,

@@ -13,9 +13,12 @@
 #include <string.h>
 
 #include "tavhttpclient/fs.h"
-#include "tavhttpclient/httpsession.h"
+#include "tavhttpclient/httpconnect.h"
+#include "tavhttpclient/httpoption.h"
+#include "tavhttpclient/httprequest.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
+#include "tavhttpclient/session_record.h"
 
 enum {
     MAX_SPARE_BUFFERS = 8,

@@ -9,9 +9,11 @@
 #include <string.h>
 
 #include "tavhttpclient/fs.h"
+#include "tavhttpclient/httpoption.h"
+#include "tavhttpclient/httprequest.h"
 #include "tavhttpclient/httpresponse.h"
-#include "tavhttpclient/httpsession.h"
 #include "tavhttpclient/log.h"
+#include "tavhttpclient/session_record.h"
 
 enum {
     SUGGESTED_NAME_MAX = 150,

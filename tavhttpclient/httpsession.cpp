@@ -7,10 +7,15 @@
 
 #include "platform/win_text.h"
 #include "platform/win_time.h"
+#include "tavhttpclient/httpconnect.h"
 #include "tavhttpclient/httpinit.h"
+#include "tavhttpclient/httpoption.h"
+#include "tavhttpclient/httprequest.h"
+#include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/httpsession_finish.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
+#include "tavhttpclient/statistics.h"
 #include "tavhttpclient/taskmgr.h"
 #include "tavhttpclient/util.h"
 #include "tavhttpclient/uvhelper.h"
@@ -42,6 +47,10 @@ int32_t count_sessions_in_flight(void) {
 }
 
 // --------------------------------------------------------------------------- creation and release
+
+const char* session_log_url(const http_session* session, const char* url) {
+    return session->options != nullptr && session->options->hide_url != 0 ? "*" : url;
+}
 
 static uint32_t _next_session_id(void) {
     uint32_t id = (uint32_t)InterlockedExchangeAdd(&last_session_id, 1) + 1;
@@ -283,18 +292,6 @@ static void _start_session_timer(http_session* session) {
     }
 }
 
-static void _count_started_session(void) {
-    session_stats* stats = get_session_stats();
-    if (stats == nullptr) {
-        return;
-    }
-    stats->total++;
-    stats->alive++;
-    if (stats->alive > stats->max_alive) {
-        stats->max_alive = stats->alive;
-    }
-}
-
 static void _on_async_start_connect_call(void* session) {
     _on_async_start_connect((http_session*)session);
 }
@@ -309,7 +306,7 @@ void start_http_session(http_session* session) {
     LOG_INFO("start_http_session, id=%u, url=%s.", session->id,
              session_log_url(session, session->request->url));
     session->perf->queue.end = GetTickCount();
-    _count_started_session();
+    count_session_started();
     if (!async_run(_on_async_start_connect_call, session)) {
         LOG_INFO("start_http_session, async_run failed, sid=%d.", (int32_t)session->id);
         _on_async_start_connect(session);

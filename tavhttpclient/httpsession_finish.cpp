@@ -10,9 +10,14 @@
 #include "platform/win_time.h"
 #include "tavhttpclient/connectionpool.h"
 #include "tavhttpclient/fs.h"
+#include "tavhttpclient/httpconnect.h"
 #include "tavhttpclient/httpinit.h"
+#include "tavhttpclient/httpoption.h"
+#include "tavhttpclient/httprequest.h"
+#include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
+#include "tavhttpclient/statistics.h"
 #include "tavhttpclient/util.h"
 #include "tavhttpclient/worker.h"
 
@@ -36,72 +41,7 @@ struct complete_work {
     void (*release_hook)(void* task);
 };
 
-// ------------------------------------------------------------------------------------- statistics
-
-static session_stats* stats = nullptr;
-
-session_stats* get_session_stats(void) {
-    return stats;
-}
-
-bool init_session_stats(void) {
-    if (stats == nullptr) {
-        stats = (session_stats*)calloc(1, sizeof(session_stats));
-    }
-    return stats != nullptr;
-}
-
-void uninit_session_stats(void) {
-    free(stats);
-    stats = nullptr;
-}
-
-static uint64_t _current_second(void) {
-    return GetTickCount() / 1000;
-}
-
-// The bucket of the current second is cleared one second earlier, by an update in that second.
-void rate_ring_add(rate_ring* ring, uint64_t count) {
-    uint64_t now = _current_second();
-    uint64_t index = now % 5;
-    rate_bucket* following = &ring->buckets[(index + 1) % 5];
-    following->second = 0;
-    following->bytes = 0;
-    ring->buckets[index].bytes += count;
-    ring->buckets[index].second = now;
-}
-
-float rate_ring_rate(const rate_ring* ring) {
-    uint64_t now = _current_second();
-    uint64_t index = now % 5;
-    uint64_t sum = 0;
-    int32_t used = 0;
-    for (uint64_t back = 1; back <= 3; back++) {
-        const rate_bucket* bucket = &ring->buckets[(index + 5 - back) % 5];
-        if (now - bucket->second <= 3) {
-            sum += bucket->bytes;
-            used++;
-        }
-    }
-    if (used == 0) {
-        return (float)ring->buckets[index].bytes;
-    }
-    return (float)((double)sum / used);
-}
-
-static void _log_statistics(void) {
-    if (stats == nullptr) {
-        return;
-    }
-    char down_bytes[64];
-    char up_bytes[64];
-    LOG_INFO("Session-Stat: down-rate=%.2f, up-rate=%.2f, down-bytes=%s, up-bytes=%s",
-             (double)rate_ring_rate(&stats->recv_rate), (double)rate_ring_rate(&stats->sent_rate),
-             uint64_to_text(stats->recv_total, down_bytes),
-             uint64_to_text(stats->sent_total, up_bytes));
-    LOG_INFO("Session-Queue: alive=%d, max-alive=%d, total=%d", stats->alive, stats->max_alive,
-             (int32_t)stats->total);
-}
+// ------------------------------------------------------------------------------------- completion
 
 static uint32_t _elapsed(const perf_pair* pair, uint32_t now) {
     if (pair->start == 0) {
@@ -123,8 +63,6 @@ static void _log_perf(const http_session* session) {
              (uint32_t)perf->start.end - (uint32_t)perf->start.start, _elapsed(&perf->queue, now),
              _elapsed(&perf->connect, now), _elapsed(&perf->send, now), _elapsed(&perf->recv, now));
 }
-
-// ------------------------------------------------------------------------------------- completion
 
 // Worker thread, or the loop thread when the pool takes no work. Tells the host, last of all.
 static void _internal_notify_download_complete(http_session* session) {
@@ -247,7 +185,7 @@ void _notify_download_complete(http_session* session, uint32_t code) {
     if (!LOG_ASSERT(session != nullptr)) {
         return;
     }
-    _log_statistics();
+    log_session_stats();
     session->completing = 1;
     disarm_session_timer(session);
     if (code == TAV_HTTP_ERROR_CODE_CANCEL &&
@@ -255,10 +193,7 @@ void _notify_download_complete(http_session* session, uint32_t code) {
         code = TAV_HTTP_ERROR_CODE_SESSION_TIMEOUT;
     }
     session->result = (int32_t)code;
-    if (stats != nullptr) {
-        // Also for a session that was never started; the count may then become negative.
-        stats->alive--;
-    }
+    count_session_ended();
     if (session->task_finish_hook != nullptr) {
         session->task_finish_hook(session->task);
         session->task_finish_hook = nullptr;

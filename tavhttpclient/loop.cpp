@@ -14,6 +14,7 @@
 #include "tavhttpclient/httpsession.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/netbasehttp.h"
+#include "tavhttpclient/statistics.h"
 #include "tavhttpclient/taskmgr.h"
 #include "tavhttpclient/uvhelper.h"
 #include "tavhttpclient/worker.h"

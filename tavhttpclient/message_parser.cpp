@@ -13,8 +13,11 @@
 
 #include "platform/win_text.h"
 #include "tavhttpclient/cookiemgr.h"
-#include "tavhttpclient/httpsession.h"
+#include "tavhttpclient/httpoption.h"
+#include "tavhttpclient/httprequest.h"
+#include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/log.h"
+#include "tavhttpclient/session_record.h"
 
 // Values of response_parser.header_state.
 enum {

@@ -7,9 +7,9 @@
 
 #include <string.h>
 
-#include "tavhttpclient/httpsession.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
+#include "tavhttpclient/statistics.h"
 #include "tavhttpclient/uvhelper.h"
 
 // --------------------------------------------------------------------------------- TLS table
@@ -51,14 +51,6 @@ static bool _start_io_timer(uv_timer_t** timer, uv_loop_t* loop, http_connection
 
 // -------------------------------------------------------------------------------------- send
 
-static void _count_sent(uint64_t count) {
-    session_stats* stats = get_session_stats();
-    if (stats != nullptr) {
-        stats->sent_total += count;
-        rate_ring_add(&stats->sent_rate, count);
-    }
-}
-
 static uint32_t _send_status(const http_connection* conn, int status) {
     if (conn->stream == nullptr) {
         LOG_INFO("_on_send_result, timeout, conn-id=%u, status=%d", conn->id, status);
@@ -68,7 +60,7 @@ static uint32_t _send_status(const http_connection* conn, int status) {
         LOG_INFO("_on_send_result, failed, conn-id=%u, status=%d", conn->id, status);
         return TAV_HTTP_ERROR_CODE_FAIL_SEND;
     }
-    _count_sent(conn->send_buf.len);
+    count_sent_bytes(conn->send_buf.len);
     return TAV_HTTP_ERROR_CODE_OK;
 }
 
@@ -149,14 +141,6 @@ uint32_t http_send(http_connection* conn, void* user, const char* data, int32_t 
 
 // ----------------------------------------------------------------------------------- receive
 
-static void _count_received(uint64_t count) {
-    session_stats* stats = get_session_stats();
-    if (stats != nullptr) {
-        stats->recv_total += count;
-        rate_ring_add(&stats->recv_rate, count);
-    }
-}
-
 // The one exit of a receive.
 static void _notify_recv_result(http_connection* conn, uint32_t status) {
     void* user = conn->recv_user;
@@ -203,7 +187,7 @@ static void _on_recv_result(uv_stream_t* stream, ssize_t nread, const uv_buf_t* 
     } else if (nread == 0) {
         LOG_INFO("_on_recv_response, nread==0, conn-id=%u", conn->id);
     }
-    _count_received((uint64_t)nread);
+    count_received_bytes((uint64_t)nread);
     conn->recv_len = (int32_t)nread;
     _notify_recv_result(conn, TAV_HTTP_ERROR_CODE_OK);
 }

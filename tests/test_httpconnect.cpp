@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tavhttpclient/httpsession.h"
 #include "tavhttpclient/netbasehttp.h"
+#include "tavhttpclient/session_record.h"
 #include "tests/support/fake_system.h"
 #include "tests/support/host.h"
 

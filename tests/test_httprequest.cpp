@@ -1,7 +1,7 @@
 // The parts of request heads and bodies that the transfers leave open, without a connection.
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httprequest.h"
-#include "tavhttpclient/httpsession.h"
+#include "tavhttpclient/session_record.h"
 #include "tests/support/exact_buffer.h"
 #include "tests/support/host.h"
 

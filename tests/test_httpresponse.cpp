@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include "tavhttpclient/httpsession.h"
+#include "tavhttpclient/httpconnect.h"
+#include "tavhttpclient/httpoption.h"
+#include "tavhttpclient/httprequest.h"
+#include "tavhttpclient/session_record.h"
 
 namespace {
 

@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include "tavhttpclient/httpsession.h"
+#include "tavhttpclient/httpoption.h"
+#include "tavhttpclient/httprequest.h"
+#include "tavhttpclient/httpresponse.h"
+#include "tavhttpclient/session_record.h"
 #include "tests/support/exact_buffer.h"
 #include "tests/support/host.h"
 
