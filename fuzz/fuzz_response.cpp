@@ -3,6 +3,8 @@
 // Byte 0 chooses the options, byte 1 how the rest is cut into pieces.
 #include "fuzz/fuzz_support.h"
 
+#include <sys/mman.h>
+
 #include "tavhttpclient/cookiemgr.h"
 #include "tavhttpclient/httpconnect.h"
 #include "tavhttpclient/httpoption.h"
@@ -43,7 +45,9 @@ http_session* make_session(uint8_t flags) {
     options->keep_error_body = (flags & KEEP_ERROR_BODY) != 0 ? 1 : 0;
     if ((flags & TO_FILE) != 0) {
         // A resumed download is written in place, so no file is made.
-        tavHTTPSetOption(session, TAV_HTTP_OPTION_DOWNLOAD_FILE, "/dev/null");
+        static int target = memfd_create("target", MFD_CLOEXEC);
+        std::string path = "/proc/self/fd/" + std::to_string(target);
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_DOWNLOAD_FILE, path.c_str());
         tavHTTPSetOption(session, TAV_HTTP_OPTION_RESUME, 1u);
     }
     if ((flags & DATA_CALLBACK) != 0) {

@@ -6,6 +6,7 @@
 #include "platform/win_file.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,7 +16,7 @@
 
 static_assert(sizeof(off_t) == 8, "files beyond 2 GiB");
 
-static void _turn_separators(char* path) {
+void platform_turn_separators(char* path) {
     for (; *path != 0; ++path) {
         if (*path == '\\') {
             *path = '/';
@@ -31,7 +32,7 @@ static char* _copy_path(const char* path) {
     }
     char* copy = strdup(path);
     if (copy != nullptr) {
-        _turn_separators(copy);
+        platform_turn_separators(copy);
     }
     return copy;
 }
@@ -56,7 +57,7 @@ static char* _narrow(const WCHAR* text) {
 static char* _narrow_path(const WCHAR* path) {
     char* narrow = _narrow(path);
     if (narrow != nullptr) {
-        _turn_separators(narrow);
+        platform_turn_separators(narrow);
     }
     return narrow;
 }
@@ -68,30 +69,83 @@ static void _free_keeping_errno(void* memory) {
     errno = error;
 }
 
-// A directory can be opened for reading here; callers expect a refusal.
-static FILE* _refuse_directory(FILE* file) {
-    struct stat status;
-    if (file == nullptr || fstat(fileno(file), &status) != 0 || !S_ISDIR(status.st_mode)) {
-        return file;
+// True, with errno set, for what is no regular file.
+static bool _is_refused(const struct stat* status) {
+    if (S_ISREG(status->st_mode)) {
+        return false;
     }
-    fclose(file);
-    errno = EACCES;
-    return nullptr;
+    errno = S_ISDIR(status->st_mode) ? EACCES : EINVAL;
+    return true;
 }
 
-FILE* _wfopen(const WCHAR* path, const WCHAR* mode) {
-    char* narrow_path = _narrow_path(path);
-    char* narrow_mode = _narrow(mode);
+static int _open_flags(const char* mode) {
+    int flags = strchr(mode, '+') != nullptr ? O_RDWR : (mode[0] == 'r' ? O_RDONLY : O_WRONLY);
+    if (mode[0] != 'r') {
+        flags |= O_CREAT | (strchr(mode, 'x') != nullptr ? O_EXCL | O_NOFOLLOW : O_TRUNC);
+    }
+    // Without O_NONBLOCK a fifo would wait for its other end.
+    return flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+}
+
+// In a process without standard streams a new descriptor would become one of them.
+static int _move_above_standard(int descriptor) {
+    if (descriptor < 0 || descriptor > STDERR_FILENO) {
+        return descriptor;
+    }
+    int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    int error = errno;
+    close(descriptor);
+    errno = error;
+    return moved;
+}
+
+// The name is looked at first, because opening a device or a fifo can itself have an effect; the
+// descriptor, because the name may mean something else by then.
+static int _open_regular(const char* path, const char* mode) {
+    struct stat status;
+    if (stat(path, &status) == 0 && _is_refused(&status)) {
+        return -1;
+    }
+    int descriptor = _move_above_standard(open(path, _open_flags(mode), 0666));
+    if (descriptor < 0) {
+        errno = errno == EISDIR ? EACCES : errno;
+        return -1;
+    }
+    if (fstat(descriptor, &status) != 0 || _is_refused(&status)) {
+        int error = errno;
+        close(descriptor);
+        errno = error;
+        return -1;
+    }
+    fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) & ~O_NONBLOCK);
+    return descriptor;
+}
+
+FILE* platform_fopen(const WCHAR* path, const char* mode) {
+    char* narrow = _narrow_path(path);
+    if (narrow == nullptr) {
+        return nullptr;
+    }
     FILE* file = nullptr;
-    if (narrow_path != nullptr && narrow_mode != nullptr) {
-        file = _refuse_directory(fopen(narrow_path, narrow_mode));
-        if (file == nullptr && errno == EISDIR) {
-            errno = EACCES;
+    int descriptor = _open_regular(narrow, mode);
+    if (descriptor >= 0) {
+        file = fdopen(descriptor, mode);
+        if (file == nullptr) {
+            close(descriptor);
+            errno = ENOMEM;
         }
     }
-    _free_keeping_errno(narrow_path);
-    _free_keeping_errno(narrow_mode);
+    _free_keeping_errno(narrow);
     return file;
+}
+
+bool platform_is_special_file(const WCHAR* path) {
+    char* narrow = _narrow_path(path);
+    struct stat status;
+    bool special = narrow != nullptr && stat(narrow, &status) == 0 && !S_ISREG(status.st_mode) &&
+                   !S_ISDIR(status.st_mode);
+    free(narrow);
+    return special;
 }
 
 int _wremove(const WCHAR* path) {

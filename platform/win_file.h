@@ -29,7 +29,17 @@ struct _stat64i32 {
 };
 #define _S_IFDIR 0x4000
 
-FILE* _wfopen(const WCHAR* path, const WCHAR* mode);
+// Opens as _wfopen does in "rb", "r+b" or "w+b" mode, but a regular file only: a directory fails
+// with EACCES, any other thing with EINVAL, and neither is waited for. With an "x" in the mode the
+// file is made, and it is an error (EEXIST) when the name is taken, be it by a link. Processes
+// started meanwhile do not inherit the file.
+FILE* platform_fopen(const WCHAR* path, const char* mode);
+// True when the path leads to a device, a pipe or a socket.
+bool platform_is_special_file(const WCHAR* path);
+// libuv takes UTF-8 paths: gives one the separators with which it finds what the wide calls find.
+// Nothing is to be done on Windows.
+void platform_turn_separators(char* path);
+
 int _wremove(const WCHAR* path);
 int _wmkdir(const WCHAR* path);
 int _chsize(int descriptor, long size);

@@ -30,19 +30,13 @@ static int32_t _error_of(int result) {
 
 // ------------------------------------------------------------------------------------ streams
 
-// One conversion each of path and mode; null with errno set.
+// Null with errno set.
 static FILE* _open_wide(const char* path, const char* mode) {
-    WCHAR* wide_path = utf8_to_wide(path);
-    WCHAR* wide_mode = utf8_to_wide(mode);
-    FILE* file = nullptr;
-    errno = ENOMEM;
-    if (wide_path != nullptr && wide_mode != nullptr) {
-        errno = 0;
-        file = _wfopen(wide_path, wide_mode);
-    }
+    WCHAR* wide = utf8_to_wide(path);
+    errno = wide != nullptr ? 0 : ENOMEM;
+    FILE* file = wide != nullptr ? platform_fopen(wide, mode) : nullptr;
     int error = errno;
-    free(wide_path);
-    free(wide_mode);
+    free(wide);
     errno = error;
     return file;
 }
@@ -125,6 +119,12 @@ uint32_t tavhttp_fwrite_at(FILE* file, const void* bytes, int64_t offset, uint32
     return (uint32_t)fwrite(bytes, 1, count, file);
 }
 
+int32_t tavhttp_fflush(FILE* file) {
+    errno = 0;
+    int result = fflush(file);
+    return result != 0 ? _error_of(result) : 0;
+}
+
 int32_t tavhttp_ftruncate(FILE* file) {
     if (file == nullptr) {
         return 1;
@@ -185,6 +185,50 @@ bool tavhttp_async_close(FILE* file) {
 }
 
 // -------------------------------------------------------------------------------------- paths
+
+// The text under which libuv finds the file that the calls with wide paths find; null without
+// memory.
+static char* _libuv_path(const char* path) {
+    WCHAR* wide = utf8_to_wide(path);
+    char* text = wide_to_utf8(wide);
+    free(wide);
+    if (text != nullptr) {
+        platform_turn_separators(text);
+    }
+    return text;
+}
+
+int tavhttp_start_unlink(uv_fs_t* request, const char* path, uv_fs_cb callback) {
+    uv_loop_t* loop = get_uv_loop();
+    char* text = _libuv_path(path);
+    int ret = UV_EINVAL;
+    if (loop != nullptr && text != nullptr) {
+        ret = uv_fs_unlink(loop, request, text, callback);
+    }
+    free(text);
+    return ret;
+}
+
+int tavhttp_start_rename(uv_fs_t* request, const char* path, const char* new_path,
+                         uv_fs_cb callback) {
+    uv_loop_t* loop = get_uv_loop();
+    char* text = _libuv_path(path);
+    char* new_text = _libuv_path(new_path);
+    int ret = UV_EINVAL;
+    if (loop != nullptr && text != nullptr && new_text != nullptr) {
+        ret = uv_fs_rename(loop, request, text, new_text, callback);
+    }
+    free(text);
+    free(new_text);
+    return ret;
+}
+
+bool tavhttp_is_special_file(const char* path) {
+    WCHAR* wide = utf8_to_wide(path);
+    bool special = wide != nullptr && platform_is_special_file(wide);
+    free(wide);
+    return special;
+}
 
 int32_t tavhttp_remove(const char* path) {
     if (path == nullptr || *path == 0) {

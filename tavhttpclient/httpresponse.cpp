@@ -438,9 +438,7 @@ static void _on_delete_temp_file_result(uv_fs_t* req) {
 }
 
 static int _start_unlink(http_session* session, const char* path, uv_fs_cb callback) {
-    uv_fs_t* req = &session->response->fs_req;
-    uv_loop_t* loop = get_uv_loop();
-    int ret = loop != nullptr ? uv_fs_unlink(loop, req, path, callback) : UV_EINVAL;
+    int ret = tavhttp_start_unlink(&session->response->fs_req, path, callback);
     if (ret < 0) {
         LOG_ERROR("_rename_response_file, uv_fs_unlink fail, id=%d, ret=%d", session->id, ret);
     }
@@ -479,11 +477,7 @@ static void _on_delete_origin_file(uv_fs_t* req) {
     http_response* response = session->response;
     uv_fs_req_cleanup(req);
 
-    uv_loop_t* loop = get_uv_loop();
-    int ret = UV_EINVAL;
-    if (loop != nullptr) {
-        ret = uv_fs_rename(loop, req, response->temp_path, response->file_path, _on_rename_file);
-    }
+    int ret = tavhttp_start_rename(req, response->temp_path, response->file_path, _on_rename_file);
     if (ret < 0) {
         LOG_ERROR("_on_delete_origin_file, uv_fs_rename fail, id=%d, ret=%d", session->id, ret);
         response->result = TAV_HTTP_ERROR_CODE_FAIL_WRITE_RESPONSE_FILE;
@@ -521,7 +515,7 @@ static void _close_left_file(http_session* session) {
     response->recv_file_id = nullptr;
     // The last bytes leave the stream here; without them the file must not pass as complete.
     if (tavhttp_fclose(file) != 0 && response->result == 0) {
-        response->result = TAV_HTTP_ERROR_CODE_FAIL_OTHER;
+        response->result = TAV_HTTP_ERROR_CODE_FAIL_WRITE_RESPONSE_FILE;
     }
 }
 

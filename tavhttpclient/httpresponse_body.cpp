@@ -52,6 +52,12 @@ static bool _has_range(const http_request* request) {
     return request->range_start != 0 || request->range_end != 0;
 }
 
+// A resumed or ranged download goes on in the host's file itself.
+static bool _is_in_given_place(const http_session* session) {
+    return _has_text(session->options->download_file) &&
+           (session->options->resume != 0 || _has_range(session->request));
+}
+
 static void _free_paths(http_response* response) {
     free(response->file_path);
     free(response->temp_path);
@@ -68,12 +74,17 @@ static uint32_t _check_paths(http_response* response) {
     return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
 }
 
-// A whole download is written beside its target, so that the target is never half a file. A resumed
-// or ranged one goes on in the target itself.
+// A whole download is written beside its target, so that the target is never half a file.
 static uint32_t _use_given_path(http_session* session) {
     http_response* response = session->response;
     const char* path = session->options->download_file;
-    if (session->options->resume != 0 || _has_range(session->request)) {
+    if (tavhttp_is_special_file(path)) {
+        // A file would take the place of the device.
+        LOG_INFO("_init_download_target, not a regular file, id=%d, filepath=%s", session->id,
+                 path);
+        return TAV_HTTP_ERROR_CODE_FAIL_OPEN_RESPONSE_FILE;
+    }
+    if (_is_in_given_place(session)) {
         response->temp_path = string_dup(path);
     } else if (!get_temp_file_path_with_suggest_name(path, false, &response->temp_path)) {
         LOG_INFO("_init_download_target, get_temp_file_path, id=%d, path=%s", session->id, path);
@@ -126,16 +137,20 @@ static uint32_t _use_chosen_path(http_session* session) {
     return _check_paths(response);
 }
 
+// Only a file that is not there is made: "w+b" would empty one that merely could not be opened, and
+// with it what a resumed download goes on from.
+static int32_t _open_given(const char* path, FILE** file) {
+    int32_t err = tavhttp_fopen(path, "r+b", file);
+    return err == ENOENT ? tavhttp_fopen(path, "w+b", file) : err;
+}
+
 static uint32_t _open_target(http_session* session) {
     http_response* response = session->response;
     const char* path = response->temp_path;
     FILE* file = nullptr;
-    // Only a file that is not there is made: "w+b" would empty one that merely could not be opened,
-    // and with it what a resumed download goes on from.
-    int32_t open_error = tavhttp_fopen(path, "r+b", &file);
-    if (open_error == ENOENT) {
-        open_error = tavhttp_fopen(path, "w+b", &file);
-    }
+    // A name of the library's own is for a file of its own: nobody may have made it meanwhile.
+    int32_t open_error =
+        _is_in_given_place(session) ? _open_given(path, &file) : tavhttp_fopen(path, "w+bx", &file);
     if (open_error != 0) {
         LOG_INFO("_init_download_target, uv_fs_open failed, id=%d, filepath=%s, err=%d, %s",
                  session->id, path, 0, strerror(0));
@@ -272,10 +287,13 @@ static uint32_t _write_to_file(http_session* session) {
     if (chunk->length <= RECV_BUFFER_SIZE && !is_end) {
         return TAV_HTTP_ERROR_CODE_OK;
     }
+    FILE* file = response->recv_file_id;
     uint32_t count = (uint32_t)chunk->length;
     uint64_t offset = (uint64_t)session->request->range_start + response->file_written;
     errno = 0;
-    if (tavhttp_fwrite_at(response->recv_file_id, chunk->data, (int64_t)offset, count) != count) {
+    // The last bytes leave the stream here: a full disk is a failed write also for a small body.
+    if (tavhttp_fwrite_at(file, chunk->data, (int64_t)offset, count) != count ||
+        (is_end && tavhttp_fflush(file) != 0)) {
         int err = errno;
         LOG_INFO("_work_write_body, id=%u, err=%d, %s", session->id, err, strerror(err));
         return TAV_HTTP_ERROR_CODE_FAIL_WRITE_RESPONSE_FILE;

@@ -134,7 +134,7 @@ TEST(FileTarget, UnusableTargets) {
     } cases[] = {
         {"missing/out.bin", 0, code::open_file}, {"missing/out.bin", 10, code::open_file},
         {"taken", 0, code::write_file},          {"taken", 10, code::open_file},
-        {"full", 10, code::write_file},
+        {"full", 10, code::open_file},
     };
     for (const auto& now : cases) {
         SCOPED_TRACE(std::string(now.path) + " from " + std::to_string(now.range_start));
