@@ -76,10 +76,6 @@ RB_GENERATE_STATIC(cookie_root, cookie_domain, links, _compare_domains)
 #pragma GCC diagnostic pop
 #endif
 
-static bool _is_empty(const char* text) {
-    return text == nullptr || text[0] == '\0';
-}
-
 // ------------------------------------------------------------------------------ life of the store
 
 static void _free_cookie_store(cookie_store* store) {
@@ -266,7 +262,7 @@ static cookie_item* _find_cookie(cookie_domain* node, const char* path, const ch
 // by an empty value; an unknown one is added even when its value is empty.
 static bool _set_cookie(cookie_root* root, const char* domain, const char* path, const char* name,
                         const char* value, int64_t expires) {
-    if (!LOG_ASSERT(!_is_empty(domain) && !_is_empty(path) && !_is_empty(name))) {
+    if (!LOG_ASSERT(!is_empty_text(domain) && !is_empty_text(path) && !is_empty_text(name))) {
         return false;
     }
     cookie_item* item = _new_cookie_item(domain, path, name, value, expires);
@@ -281,7 +277,7 @@ static bool _set_cookie(cookie_root* root, const char* domain, const char* path,
         list_append(&node->cookies, &item->link);
         return true;
     }
-    if (_is_empty(value)) {
+    if (is_empty_text(value)) {
         list_unlink(&known->link);
         _free_cookie_item(known);
     } else {
@@ -352,7 +348,7 @@ static void _read_set_cookie(const char* url, const char* field, cookie_attribut
 
 // What the attributes leave open comes from the URL of the response.
 static void _complete_attributes(cookie_attributes* attributes, const char* url) {
-    if (!_is_empty(attributes->domain) && !_is_empty(attributes->path)) {
+    if (!is_empty_text(attributes->domain) && !is_empty_text(attributes->path)) {
         return;
     }
     char* host = nullptr;
@@ -360,10 +356,10 @@ static void _complete_attributes(cookie_attributes* attributes, const char* url)
     if (!analyze_url(url, nullptr, &host, nullptr, &path, nullptr)) {
         return;
     }
-    if (_is_empty(attributes->domain)) {
+    if (is_empty_text(attributes->domain)) {
         string_replace(&attributes->domain, host);
     }
-    if (_is_empty(attributes->path)) {
+    if (is_empty_text(attributes->path)) {
         string_replace(&attributes->path, path);
     }
     free(host);
@@ -384,7 +380,8 @@ bool set_cookie_by_http_header(const char* url, const char* value) {
     }
     for (list_link* link = cookies.next; link != &cookies; link = link->next) {
         cookie_pair* pair = (cookie_pair*)link;
-        if (_is_empty(attributes.domain) || _is_empty(attributes.path) || _is_empty(pair->name)) {
+        if (is_empty_text(attributes.domain) || is_empty_text(attributes.path) ||
+            is_empty_text(pair->name)) {
             continue;
         }
         uv_rwlock_wrlock(store->lock);
@@ -403,7 +400,7 @@ bool set_cookie_by_http_header(const char* url, const char* value) {
 // Path prefixes are compared as plain bytes: "/a" serves "/ab" too.
 static void _collect_domain_cookies(cookie_domain* node, const char* path, text_buffer* buffer) {
     int64_t now = _time64(nullptr);
-    if (_is_empty(path)) {
+    if (is_empty_text(path)) {
         return;
     }
     for (list_link* link = node->cookies.next; link != &node->cookies; link = link->next) {
@@ -443,15 +440,15 @@ bool get_cookie(const char* url, char** output) {
     }
     *output = nullptr;
     cookie_store* store = _store;
-    if (_is_empty(url) || store == nullptr) {
+    if (is_empty_text(url) || store == nullptr) {
         return false;
     }
 
     char* host = nullptr;
     char* path = nullptr;
     bool found = false;
-    if (!analyze_url(url, nullptr, &host, nullptr, &path, nullptr) || _is_empty(host) ||
-        _is_empty(path)) {
+    if (!analyze_url(url, nullptr, &host, nullptr, &path, nullptr) || is_empty_text(host) ||
+        is_empty_text(path)) {
         LOG_ERROR("get_cookie, analyze_url failed, url=%s", url);
     } else {
         uv_rwlock_rdlock(store->lock);
@@ -490,7 +487,7 @@ static bool _add_cookie_to_buffer(list_link* names, const char* text, text_buffe
             ok = !is_pair;
             continue;
         }
-        if (_is_empty(pair->name) || _is_name_listed(names, pair->name)) {
+        if (is_empty_text(pair->name) || _is_name_listed(names, pair->name)) {
             _free_pair(pair);
             continue;
         }

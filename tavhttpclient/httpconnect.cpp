@@ -42,14 +42,6 @@ static list_link _open_connections = {&_open_connections, &_open_connections};
 
 // ---------------------------------------------------------------------------------- life time
 
-static uint32_t _next_conn_id(void) {
-    uint32_t id = (uint32_t)InterlockedExchangeAdd(&_last_conn_id, 1) + 1;
-    if (id == 0) {
-        id = (uint32_t)InterlockedExchangeAdd(&_last_conn_id, 1) + 1;
-    }
-    return id;
-}
-
 // A worker may be inside the TLS state until the last hold is released, so it goes with the memory.
 static void _free_connection(http_connection* conn) {
     tls_ops* ops = get_tls_ops();
@@ -398,7 +390,7 @@ static http_connection* _new_connection(connect_target* target, const proxy_info
         return nullptr;
     }
     list_append(&_open_connections, &conn->open_link);
-    conn->id = _next_conn_id();
+    conn->id = next_id(&_last_conn_id);
     conn->port = target->port;
     conn->host = target->host;
     conn->scheme = target->scheme;

@@ -1,8 +1,4 @@
-// tavHTTPSetOption and tavHTTPQueryInfo: what the host puts into a session before it is sent, and
-// what it reads from it afterwards.
-//
-// Both are tables in the form of switches, one per group of ids. Neither takes a lock: options are
-// written before the session belongs to the library, results are read when no step runs.
+// tavHTTPSetOption: what the host puts into a session before it is sent.
 #include "tavhttpclient/httpoption.h"
 
 #include <stdlib.h>
@@ -15,12 +11,8 @@
 #include "tavhttpclient/session_record.h"
 
 enum {
-    FORMATTED_VALUE_CAPACITY = 128,
-    RAW_HEADERS_CAPACITY = 512
+    FORMATTED_VALUE_CAPACITY = 128
 };
-
-// Returned by query 24 when the buffer is too small for all values; it has no name.
-static const uint32_t QUERY_BUFFER_TOO_SMALL = 0x20007;
 
 // ----------------------------------------------------------------------------- option record
 
@@ -78,10 +70,6 @@ void free_http_options(http_options* options) {
 
 // ----------------------------------------------------------------------------- small setters
 
-static bool _is_empty(const char* text) {
-    return text == nullptr || text[0] == '\0';
-}
-
 static uint32_t _replace_text(char** field, const char* text) {
     string_replace(field, text);
     return text == nullptr || *field != nullptr ? TAV_HTTP_ERROR_CODE_OK
@@ -90,7 +78,7 @@ static uint32_t _replace_text(char** field, const char* text) {
 
 // For texts of which an empty one means the same as none.
 static uint32_t _replace_or_clear(char** field, const char* text) {
-    return _replace_text(field, _is_empty(text) ? nullptr : text);
+    return _replace_text(field, is_empty_text(text) ? nullptr : text);
 }
 
 static uint32_t _as_switch(uint32_t value) {
@@ -145,7 +133,7 @@ static uint32_t _finish_form_entry(http_options* options, upload_item* item, boo
 static uint32_t _add_header(http_options* options, va_list arguments) {
     const char* name = va_arg(arguments, const char*);
     const char* format = va_arg(arguments, const char*);
-    if (_is_empty(name)) {
+    if (is_empty_text(name)) {
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
 
@@ -171,7 +159,7 @@ static uint32_t _add_header(http_options* options, va_list arguments) {
 static uint32_t _add_form_field(http_options* options, va_list arguments) {
     const char* name = va_arg(arguments, const char*);
     const char* format = va_arg(arguments, const char*);
-    if (_is_empty(name)) {
+    if (is_empty_text(name)) {
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
 
@@ -184,7 +172,7 @@ static uint32_t _add_form_file(http_options* options, va_list arguments) {
     const char* name = va_arg(arguments, const char*);
     const char* path = va_arg(arguments, const char*);
     const char* announced = va_arg(arguments, const char*);
-    if (_is_empty(name)) {
+    if (is_empty_text(name)) {
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
 
@@ -193,7 +181,7 @@ static uint32_t _add_form_file(http_options* options, va_list arguments) {
     bool complete = false;
     if (item != nullptr) {
         item->form_path = string_dup(path);
-        item->file_name = string_dup(_is_empty(announced) ? _base_name(path) : announced);
+        item->file_name = string_dup(is_empty_text(announced) ? _base_name(path) : announced);
         complete = item->form_path != nullptr && item->file_name != nullptr;
     }
     return _finish_form_entry(options, item, complete);
@@ -204,7 +192,7 @@ static uint32_t _add_form_data(http_options* options, va_list arguments) {
     const void* bytes = va_arg(arguments, const void*);
     int32_t length = va_arg(arguments, int32_t);
     const char* announced = va_arg(arguments, const char*);
-    if (_is_empty(name)) {
+    if (is_empty_text(name)) {
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
 
@@ -281,7 +269,7 @@ static uint32_t _set_download_file(http_options* options, const char* path) {
 }
 
 static uint32_t _set_cookie_text(http_options* options, const char* text) {
-    if (_is_empty(text)) {
+    if (is_empty_text(text)) {
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
     options->cookie.length = 0;
@@ -475,258 +463,4 @@ uint32_t tavHTTPSetOption(http_session* session, uint32_t option, ...) {
     uint32_t result = _set_option(session, option, arguments);
     va_end(arguments);
     return result;
-}
-
-// ----------------------------------------------------------------------- queries for headers
-
-// The next header line of that name behind `from`, ignoring case; null at the end.
-static response_header* _next_header(http_response* response, list_link* from, const char* name) {
-    for (list_link* link = from->next; link != response->header_list; link = link->next) {
-        response_header* header = (response_header*)link;
-        if (header->name != nullptr && _stricmp(header->name, name) == 0) {
-            return header;
-        }
-    }
-    return nullptr;
-}
-
-// Whatever the length says: a buffer that is given has room for the zero.
-static void _store_empty_text(char* buffer) {
-    if (buffer != nullptr) {
-        buffer[0] = '\0';
-    }
-}
-
-static uint32_t _header_not_found(int32_t* length) {
-    *length = 0;
-    return TAV_HTTP_ERROR_CODE_QUERY_INFO_NOT_AVAILABLE;
-}
-
-// Query 10. A buffer that is too small is no error here: the length tells.
-static uint32_t _query_raw_headers(http_response* response, char* buffer, int32_t* length) {
-    _store_empty_text(buffer);
-    if (length == nullptr) {
-        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
-    }
-
-    text_buffer text = {};
-    bool ok = text_buffer_init(&text, RAW_HEADERS_CAPACITY);
-    list_link* head = response->header_list;
-    for (list_link* link = head != nullptr ? head->next : head; link != head; link = link->next) {
-        response_header* header = (response_header*)link;
-        ok = ok && text_buffer_append_format(&text, "%s : %s\r\n",
-                                             header->name != nullptr ? header->name : "",
-                                             header->value != nullptr ? header->value : "");
-    }
-    ok = ok && text_buffer_append_format(&text, "\r\n");
-    if (!ok) {
-        text_buffer_release(&text);
-        return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
-    }
-
-    int32_t needed = text.length + 1;
-    if (buffer != nullptr && *length >= needed) {
-        memcpy(buffer, text.data, (size_t)needed);
-    }
-    *length = needed;
-    text_buffer_release(&text);
-    return TAV_HTTP_ERROR_CODE_OK;
-}
-
-// Query 19.
-static uint32_t _query_header(http_response* response, const char* name, char* buffer,
-                              int32_t* length) {
-    _store_empty_text(buffer);
-    if (_is_empty(name) || length == nullptr) {
-        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
-    }
-
-    response_header* header = nullptr;
-    if (response->header_list != nullptr) {
-        header = _next_header(response, response->header_list, name);
-    }
-    if (header == nullptr || header->value == nullptr) {
-        return _header_not_found(length);
-    }
-    int32_t needed = (int32_t)strlen(header->value) + 1;
-    if (buffer != nullptr && *length >= needed) {
-        memcpy(buffer, header->value, (size_t)needed);
-    }
-    *length = needed;
-    return TAV_HTTP_ERROR_CODE_OK;
-}
-
-// Query 24. Values that do not fit are left out, but counted; a shorter one behind a value that did
-// not fit does not fit either, since the running total only grows.
-static uint32_t _query_header_all(http_response* response, const char* name, char* buffer,
-                                  int32_t* length) {
-    _store_empty_text(buffer);
-    if (_is_empty(name) || length == nullptr) {
-        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
-    }
-
-    int32_t given = *length;
-    int32_t total = 0;
-    bool found = false;
-    list_link* link = response->header_list;
-    while (link != nullptr) {
-        response_header* header = _next_header(response, link, name);
-        if (header == nullptr) {
-            break;
-        }
-        found = true;
-        link = &header->link;
-        int32_t count = header->value != nullptr ? (int32_t)strlen(header->value) : 0;
-        if (count == 0) {
-            continue;
-        }
-        if (buffer != nullptr && total + count + 1 <= given) {
-            memcpy(buffer + total, header->value, (size_t)count + 1);
-        }
-        total += count + 1;
-    }
-    if (!found) {
-        return _header_not_found(length);
-    }
-    if (buffer != nullptr && total + 1 <= given) {
-        buffer[total] = '\0';
-    }
-    *length = total + 1;
-    return given < total + 1 ? QUERY_BUFFER_TOO_SMALL : (uint32_t)TAV_HTTP_ERROR_CODE_OK;
-}
-
-// ------------------------------------------------------------------------------ other queries
-
-static uint32_t _put_uint32(void* output, uint32_t value) {
-    if (output != nullptr) {
-        *(uint32_t*)output = value;
-    }
-    return TAV_HTTP_ERROR_CODE_OK;
-}
-
-static uint32_t _put_int64(void* output, int64_t value) {
-    if (output != nullptr) {
-        *(int64_t*)output = value;
-    }
-    return TAV_HTTP_ERROR_CODE_OK;
-}
-
-static uint32_t _put_uint64(void* output, uint64_t value) {
-    if (output != nullptr) {
-        *(uint64_t*)output = value;
-    }
-    return TAV_HTTP_ERROR_CODE_OK;
-}
-
-static uint32_t _put_text(void* output, const char* value) {
-    if (output != nullptr) {
-        *(const char**)output = value;
-    }
-    return TAV_HTTP_ERROR_CODE_OK;
-}
-
-static uint32_t _query_memory_body(http_response* response, void* out1, void* out2) {
-    if (out2 != nullptr) {
-        *(int32_t*)out2 = response->memory_body.length;
-    }
-    return _put_text(out1, response->memory_body.data);
-}
-
-static uint32_t _query_md5(http_response* response, void* output) {
-    if (output == nullptr) {
-        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
-    }
-    memcpy(output, response->md5_digest, MD5_DIGEST_SIZE);
-    return TAV_HTTP_ERROR_CODE_OK;
-}
-
-static uint32_t _query_response(http_response* response, uint32_t query, void* out1, void* out2,
-                                int32_t* length) {
-    switch (query) {
-    case TAV_HTTP_QUERY_STATUS_CODE:
-        return _put_uint32(out1, response->status_code);
-    case TAV_HTTP_QUERY_STATUS_TEXT:
-        return _put_text(out1, response->status_text);
-    case TAV_HTTP_QUERY_MEMORY_BODY:
-        return _query_memory_body(response, out1, out2);
-    case TAV_HTTP_QUERY_FILE_PATH:
-        return _put_text(out1, response->file_path);
-    case TAV_HTTP_QUERY_7:
-        return _put_int64(out1, response->unset_time);
-    case TAV_HTTP_QUERY_SET_COOKIE:
-        return _put_text(out1, response->set_cookie.data);
-    case TAV_HTTP_QUERY_RAW_HEADERS:
-        return _query_raw_headers(response, (char*)out1, (int32_t*)out2);
-    case TAV_HTTP_QUERY_CONTENT_LENGTH:
-        return _put_uint64(out1, response->content_length);
-    case TAV_HTTP_QUERY_RANGE_START:
-        return _put_int64(out1, response->range_start);
-    case TAV_HTTP_QUERY_RANGE_END:
-        return _put_int64(out1, response->range_end);
-    case TAV_HTTP_QUERY_RANGE_TOTAL:
-        return _put_int64(out1, response->range_total);
-    case TAV_HTTP_QUERY_LAST_MODIFIED:
-        return _put_int64(out1, response->last_modified);
-    case TAV_HTTP_QUERY_ETAG:
-        return _put_text(out1, response->etag);
-    case TAV_HTTP_QUERY_HEADER:
-        return _query_header(response, (const char*)out1, (char*)out2, length);
-    case TAV_HTTP_QUERY_BODY_BYTES:
-        return _put_uint64(out1, response->body_bytes);
-    case TAV_HTTP_QUERY_CONTENT_ENCODING:
-        return _put_uint32(out1, response->content_encoding);
-    case TAV_HTTP_QUERY_BODY_MD5:
-        return _query_md5(response, out1);
-    case TAV_HTTP_QUERY_HEADER_ALL:
-        return _query_header_all(response, (const char*)out1, (char*)out2, length);
-    default:
-        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
-    }
-}
-
-// Ids 3, 4 and 12.
-static uint32_t _query_options(const http_options* options, uint32_t query, void* out1) {
-    if (options == nullptr) {
-        return TAV_HTTP_ERROR_CODE_QUERY_INFO_NOT_AVAILABLE;
-    }
-    if (query == TAV_HTTP_QUERY_URL) {
-        return _put_text(out1, options->url);
-    }
-    return _put_int64(out1, query == TAV_HTTP_QUERY_OPTION_RANGE_START ? options->range_start
-                                                                       : options->range_end);
-}
-
-static uint32_t _query_peer_address(const http_session* session, void* output) {
-    if (output == nullptr) {
-        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
-    }
-    sockaddr_to_text((const struct sockaddr*)&session->peer_address, (char*)output);
-    return TAV_HTTP_ERROR_CODE_OK;
-}
-
-uint32_t tavHTTPQueryInfo(http_session* session, uint32_t query, void* out1, void* out2,
-                          int32_t* length) {
-    if (session == nullptr || query < TAV_HTTP_QUERY_STATUS_CODE ||
-        query > TAV_HTTP_QUERY_HEADER_ALL || query == 9) {
-        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
-    }
-    switch (query) {
-    case TAV_HTTP_QUERY_OPTION_RANGE_START:
-    case TAV_HTTP_QUERY_OPTION_RANGE_END:
-    case TAV_HTTP_QUERY_URL:
-        return _query_options(session->options, query, out1);
-    case TAV_HTTP_QUERY_CURRENT_URL:
-        if (session->request == nullptr) {
-            return TAV_HTTP_ERROR_CODE_QUERY_INFO_NOT_AVAILABLE;
-        }
-        return _put_text(out1, session->request->url);
-    case TAV_HTTP_QUERY_PEER_ADDRESS:
-        return _query_peer_address(session, out1);
-    default:
-        break;
-    }
-    if (session->response == nullptr) {
-        return TAV_HTTP_ERROR_CODE_QUERY_INFO_NOT_AVAILABLE;
-    }
-    return _query_response(session->response, query, out1, out2, length);
 }

@@ -27,10 +27,6 @@ static const char DEFAULT_USER_AGENT[] = "Mozilla/4.0 (compatible; MSIE 6.0; Win
 static const char boundary_alphabet[BOUNDARY_ALPHABET_SIZE] =
     "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0";
 
-static bool _is_empty(const char* text) {
-    return text == nullptr || text[0] == '\0';
-}
-
 static uint32_t _session_id(const http_request* request) {
     return request->session != nullptr ? request->session->id : 0;
 }
@@ -67,16 +63,16 @@ static const char* _method_word(uint32_t method) {
 // server.
 static bool _add_first_lines(const http_request* request, const http_options* options,
                              text_buffer* header) {
-    bool own_host = request->redirect_count == 0 && !_is_empty(options->host);
+    bool own_host = request->redirect_count == 0 && !is_empty_text(options->host);
     return text_buffer_append_format(header, "%s %s %s\r\n", _method_word(options->method),
                                      request->target, "HTTP/1.1") &&
            text_buffer_append_format(header, "Host: %s\r\n",
                                      own_host ? options->host : request->host) &&
            text_buffer_append_format(header, "Accept: %s\r\n",
-                                     _is_empty(options->accept) ? "*/*" : options->accept) &&
+                                     is_empty_text(options->accept) ? "*/*" : options->accept) &&
            text_buffer_append_format(header, "User-Agent: %s\r\n",
-                                     _is_empty(options->user_agent) ? DEFAULT_USER_AGENT
-                                                                    : options->user_agent) &&
+                                     is_empty_text(options->user_agent) ? DEFAULT_USER_AGENT
+                                                                        : options->user_agent) &&
            text_buffer_append_format(header, "Connection: %s\r\n",
                                      options->connection == 2 ? "Close" : "Keep-Alive") &&
            text_buffer_append_format(header, "Cache-Control: %s\r\n",
@@ -118,7 +114,7 @@ bool _add_header_field_range(text_buffer* buffer, int64_t start, int64_t end) {
 static void _choose_range(http_request* request, const http_options* options) {
     request->range_start = 0;
     request->range_end = 0;
-    if (options->resume == 0 || _is_empty(options->download_file)) {
+    if (options->resume == 0 || is_empty_text(options->download_file)) {
         request->range_start = options->range_start;
         request->range_end = options->range_end;
         return;
@@ -444,7 +440,7 @@ static uint32_t _append_file_item(http_request* request, uint32_t kind, const ch
     if (announced != nullptr && item->file_name == nullptr) {
         return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
     }
-    if (_is_empty(path)) {
+    if (is_empty_text(path)) {
         return TAV_HTTP_ERROR_CODE_OK;
     }
     return _open_upload_file(path, &item->file, &item->file_size);
@@ -452,7 +448,7 @@ static uint32_t _append_file_item(http_request* request, uint32_t kind, const ch
 
 // A single entry that is no plain text makes the whole form multipart.
 static uint32_t _append_form_entry(http_request* request, upload_item* entry) {
-    if (!LOG_ASSERT_IN("_work_init_upload_data", !_is_empty(entry->name))) {
+    if (!LOG_ASSERT_IN("_work_init_upload_data", !is_empty_text(entry->name))) {
         LOG_INFO("_work_init_upload_data, invalid form data, name is NULL.");
         return TAV_HTTP_ERROR_CODE_INVALID_FORM_DATA;
     }
@@ -498,7 +494,7 @@ static uint32_t _prepare_post(http_session* session) {
         request->body_kind = BODY_RAW;
         return _append_memory_item(request, UPLOAD_ITEM_DATA, nullptr, &options->body, nullptr);
     }
-    if (!_is_empty(options->upload_file)) {
+    if (!is_empty_text(options->upload_file)) {
         request->body_kind = BODY_RAW;
         return _append_file_item(request, UPLOAD_ITEM_FILE, nullptr, options->upload_file, nullptr);
     }

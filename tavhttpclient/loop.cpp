@@ -406,7 +406,7 @@ enum {
 static void _drain_loop(event_loop* record) {
     uv_loop_t* loop = record->loop;
     cancel_sessions_in_flight();
-    while (count_sessions_in_flight() > 0) {
+    while (any_session_in_flight()) {
         uv_run(loop, UV_RUN_ONCE);
     }
     http_connect_close_all();

@@ -370,6 +370,14 @@ bool is_redirect_status(uint32_t status_code) {
     return status_code == 301 || status_code == 302 || status_code == 303 || status_code == 307;
 }
 
+uint32_t next_id(volatile LONG* last_id) {
+    uint32_t id = 0;
+    while (id == 0) {
+        id = (uint32_t)InterlockedExchangeAdd(last_id, 1) + 1;
+    }
+    return id;
+}
+
 void sockaddr_to_text(const struct sockaddr* address, char* text) {
     if (text == nullptr) {
         return;

@@ -10,6 +10,7 @@
 #include <time.h>
 
 #include "platform/win_socket.h"
+#include "platform/win_time.h"
 #include "tavhttpclient/log.h"
 
 // ------------------------------------------------------------------------------- text buffer
@@ -84,6 +85,10 @@ bool split_at_char(const char* begin, const char* end, char separator, const cha
 
 // ------------------------------------------------------------------------------------- texts
 
+inline bool is_empty_text(const char* text) {
+    return text == nullptr || text[0] == '\0';
+}
+
 // Copies; null for null. A negative count copies all.
 char* string_dup(const char* text);
 char* string_dup_n(const char* text, int32_t count);
@@ -119,6 +124,9 @@ bool parse_content_range(const char* text, int32_t length, int64_t* first, int64
 void parse_connection_value(char* text, int32_t* keep_alive, int32_t* timeout, int32_t* max);
 // 301, 302, 303 and 307; 308 is deliberately absent.
 bool is_redirect_status(uint32_t status_code);
+
+// The next number of a counter that starts at 1: 2 is the first, and 0 is skipped. Any thread.
+uint32_t next_id(volatile LONG* last_id);
 
 // Writes the IP text without port into `text` of 64 bytes; empty for other families.
 void sockaddr_to_text(const struct sockaddr* address, char* text);

@@ -1,212 +1,26 @@
-// How a session ends.
+// What becomes of a session behind its response: redirect, retry, or completion.
 //
-// _on_recv_finish -> complete | _start_retry | _async_notify_redirect -> _start_redirect
-// _notify_download_complete -> _work_notify_download_complete (host told)
-//   -> _after_work_notify_download_complete (task released, flight ended)
-#include "tavhttpclient/httpsession_finish.h"
-
+// _on_recv_finish -> _notify_download_complete | _start_retry
+//   | (_async_notify_redirect ->) _start_redirect
+#include <http_parser.h>
 #include <stdlib.h>
 
-#include "platform/win_time.h"
-#include "tavhttpclient/connectionpool.h"
 #include "tavhttpclient/fs.h"
 #include "tavhttpclient/httpconnect.h"
-#include "tavhttpclient/httpinit.h"
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httprequest.h"
 #include "tavhttpclient/httpresponse.h"
+#include "tavhttpclient/httpsession_steps.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
-#include "tavhttpclient/statistics.h"
 #include "tavhttpclient/util.h"
-#include "tavhttpclient/worker.h"
 
 enum {
     MAX_RETRY_COUNT = 1,
     MAX_REDIRECT_COUNT = 10
 };
 
-static const uint32_t DEFAULT_KEEPALIVE_TIMEOUT = 10000;  // ms
-
-enum {
-    CONNECTION_MODE_KEEP_ALIVE = 1
-};
-
-// The completion on its way through the worker pool. The task and its hook are taken out of the
-// session before the host is told.
-struct complete_work {
-    worker_step req;
-    http_session* session;
-    void* task;
-    void (*release_hook)(void* task);
-};
-
-// ------------------------------------------------------------------------------------- completion
-
-static uint32_t _elapsed(const perf_pair* pair, uint32_t now) {
-    if (pair->start == 0) {
-        return 0;
-    }
-    return (pair->end != 0 ? (uint32_t)pair->end : now) - (uint32_t)pair->start;
-}
-
-static void _log_perf(const http_session* session) {
-    const perf_times* perf = session->perf;
-    if (perf == nullptr) {
-        return;
-    }
-    uint32_t now = GetTickCount();
-    LOG_INFO("perf stat: id=%d, url=%s, total=%u ms, start=%u ms, queue=%u ms, connect=%u ms, "
-             "send=%u ms, recv=%u ms",
-             (int32_t)session->id, session_log_url(session, session->request->url),
-             now - (uint32_t)perf->start.end,
-             (uint32_t)perf->start.end - (uint32_t)perf->start.start, _elapsed(&perf->queue, now),
-             _elapsed(&perf->connect, now), _elapsed(&perf->send, now), _elapsed(&perf->recv, now));
-}
-
-// Worker thread, or the loop thread when the pool takes no work. Tells the host, last of all.
-static void _internal_notify_download_complete(http_session* session) {
-    if (!LOG_ASSERT(session != nullptr)) {
-        LOG_ERROR("_notify_download_complete, session is null.");
-        return;
-    }
-    LOG_ASSERT(session->result >= 0);
-    uint32_t result = (uint32_t)session->result;
-    LOG_INFO("download result, id=%u, err=0x%x(%d) %s, status-code=%d, url=%s", session->id, result,
-             session->result, error_code_name(result),
-             session->response != nullptr ? (int32_t)session->response->status_code : 0,
-             session_log_url(session, session->request->url));
-    _log_perf(session);
-
-    complete_callback callback = session->complete_cb;
-    session->complete_cb = nullptr;
-    if (callback != nullptr && session_may_call_host(session)) {
-        callback(session, session->user_data, result);
-    }
-}
-
-// Takes the task's release out of the session: the host may close it inside its callback.
-static void _take_release(http_session* session, void** task, void (**hook)(void* task)) {
-    *task = session->task;
-    *hook = session->task_release_hook;
-    session->task = nullptr;
-    session->task_release_hook = nullptr;
-}
-
-// Worker thread. From _notify_download_complete; next _after_work_notify_download_complete.
-static void _work_notify_download_complete(worker_step* req) {
-    complete_work* work = (complete_work*)req->data;
-    _take_release(work->session, &work->task, &work->release_hook);
-    _internal_notify_download_complete(work->session);
-}
-
-static void _end_flight(http_session* session, void* task, void (*release_hook)(void* task)) {
-    end_session_flight(session);
-    if (release_hook != nullptr) {
-        release_hook(task);
-    }
-}
-
-// On the loop thread, when the worker pool takes no work.
-static void _notify_complete_directly(http_session* session) {
-    LOG_ERROR("_async_notify_download_complete, uv_queue_work failed, id=%u, result=%d",
-              session->id, session->result);
-    void* task;
-    void (*release_hook)(void* task);
-    _take_release(session, &task, &release_hook);
-    _internal_notify_download_complete(session);
-    _end_flight(session, task, release_hook);
-}
-
-// Loop thread. From _work_notify_download_complete; the session's last step.
-static void _after_work_notify_download_complete(worker_step* req, int status) {
-    complete_work* work = (complete_work*)req->data;
-    if (!LOG_ASSERT(status == 0)) {
-        _notify_complete_directly(work->session);
-    } else {
-        _end_flight(work->session, work->task, work->release_hook);
-    }
-    free(work);
-}
-
-static bool _queue_complete_notification(http_session* session) {
-    uv_loop_t* loop = get_uv_loop();
-    complete_work* work = (complete_work*)calloc(1, sizeof(complete_work));
-    if (loop == nullptr || work == nullptr) {
-        free(work);
-        return false;
-    }
-    work->session = session;
-    work->req.data = work;
-    if (queue_worker_step(&work->req, _work_notify_download_complete,
-                          _after_work_notify_download_complete) != 0) {
-        free(work);
-        return false;
-    }
-    return true;
-}
-
-static uint32_t _first_positive(int32_t option, int32_t response, uint32_t fallback) {
-    if (option > 0) {
-        return (uint32_t)option;
-    }
-    return response != 0 ? (uint32_t)response : fallback;
-}
-
-// Gives a connection that may be used again to the pool.
-static void _hand_back_connection(http_session* session) {
-    const http_response* response = session->response;
-    bool keep_alive =
-        response != nullptr && response->connection_mode == CONNECTION_MODE_KEEP_ALIVE;
-    if (!keep_alive) {
-        LOG_INFO("_notify_download_complete, connection is not keep-alive, sid=%d",
-                 (int32_t)session->id);
-    }
-    http_connection* connection = session->connection;
-    const http_options* options = session->options;
-    if (connection == nullptr || !(options->keep_connection != 0 || keep_alive)) {
-        return;
-    }
-    connection->keepalive_timeout = _first_positive(
-        options->keep_alive_timeout, response != nullptr ? response->keep_alive_timeout : 0,
-        DEFAULT_KEEPALIVE_TIMEOUT);
-    connection->max_reuse =
-        _first_positive(options->keep_alive_max, response != nullptr ? response->keep_alive_max : 0,
-                        config_keep_alive_max_requests());
-    session->connection = nullptr;
-    connection->holder = nullptr;
-    if (!add_connection_to_pool(connection)) {
-        http_connect_close(connection);
-    }
-}
-
-// Loop thread. The one way in which a sent session ends; next the host, on a worker thread.
-void _notify_download_complete(http_session* session, uint32_t code) {
-    if (!LOG_ASSERT(session != nullptr)) {
-        return;
-    }
-    log_session_stats();
-    session->completing = 1;
-    disarm_session_timer(session);
-    if (code == TAV_HTTP_ERROR_CODE_CANCEL &&
-        session->flags.load(std::memory_order_relaxed).timed_out != 0) {
-        code = TAV_HTTP_ERROR_CODE_SESSION_TIMEOUT;
-    }
-    session->result = (int32_t)code;
-    count_session_ended();
-    if (session->task_finish_hook != nullptr) {
-        session->task_finish_hook(session->task);
-        session->task_finish_hook = nullptr;
-    }
-    if (code == TAV_HTTP_ERROR_CODE_OK || code == TAV_HTTP_ERROR_CODE_NOT_MODIFIED) {
-        _hand_back_connection(session);
-    }
-    if (!LOG_ASSERT(_queue_complete_notification(session))) {
-        _notify_complete_directly(session);
-    }
-}
-
-// ------------------------------------------------------------------------------------------ retry
+// ------------------------------------------------------------------------------------------- retry
 
 // Frees what belongs to the attempt that is over.
 static void _drop_attempt(http_session* session) {
@@ -296,14 +110,14 @@ static void _after_work_notify_redirect(worker_step* work, int status) {
     _start_redirect(session);
 }
 
-// Loop thread. From _on_recv_finish; lets the host see a redirect before it is followed.
+// Loop thread. From _on_recv_finish; lets a host that wants to see a redirect before it is
+// followed.
 static void _async_notify_redirect(http_session* session) {
     if (!LOG_ASSERT_IN("_notify_redirect", session != nullptr)) {
         LOG_ERROR("_async_notify_redirect, session is NULL.");
         return;
     }
-    uv_loop_t* loop = get_uv_loop();
-    if (!LOG_ASSERT_IN("_notify_redirect", loop != nullptr)) {
+    if (!LOG_ASSERT_IN("_notify_redirect", get_uv_loop() != nullptr)) {
         LOG_ERROR("_async_notify_redirect, loop is NULL, id=%d.", (int32_t)session->id);
         return;
     }
@@ -312,8 +126,9 @@ static void _async_notify_redirect(http_session* session) {
         _start_redirect(session);
         return;
     }
-    if (!LOG_ASSERT(queue_worker_step(&session->work_req, _work_notify_redirect,
-                                      _after_work_notify_redirect) == 0)) {
+    int result =
+        queue_worker_step(&session->work_req, _work_notify_redirect, _after_work_notify_redirect);
+    if (!LOG_ASSERT(result == 0)) {
         LOG_ERROR("_async_notify_redirect, uv_queue_work failed, id=%d", (int32_t)session->id);
         _notify_download_complete(session, TAV_HTTP_ERROR_CODE_FAIL_QUEUE_WORK);
     }
@@ -335,11 +150,7 @@ static void _follow_redirect(http_session* session) {
         _notify_download_complete(session, TAV_HTTP_ERROR_CODE_SVR_RETURN_ERROR);
         return;
     }
-    if (session->redirect_cb != nullptr) {
-        _async_notify_redirect(session);
-    } else {
-        _start_redirect(session);
-    }
+    _async_notify_redirect(session);
 }
 
 // --------------------------------------------------------------------------------------- judgement
