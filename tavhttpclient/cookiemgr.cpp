@@ -1,7 +1,11 @@
 // The cookie store of the process: a tree of domains, each with its cookies in the order of their
 // first arrival. Parsing a response fills it, building a request head reads it.
 //
-// One read-write lock guards the tree and every cookie; the store itself lives from loop start to
+// Servers decide what is stored, so each domain and the whole store have a limit: the oldest
+// cookies give way to new ones. Cookies are found through a tree, since a server may send
+// thousands.
+//
+// One read-write lock guards the trees and every cookie; the store itself lives from loop start to
 // loop end, so the pointer to it needs none.
 #include "tavhttpclient/cookiemgr.h"
 
@@ -18,23 +22,35 @@
 
 enum {
     COOKIE_LINE_CAPACITY = 128,
-    MERGED_COOKIE_CAPACITY = 256
+    MERGED_COOKIE_CAPACITY = 256,
+    MAX_DOMAIN_COOKIES = 1000,
+    MAX_COOKIES = 10000
 };
 
+struct cookie_domain;
+
 struct cookie_item {
-    list_link link;
+    list_link link;      // in its domain, oldest first
+    list_link age_link;  // in the store, oldest first
+    RB_ENTRY(cookie_item) node;
+    cookie_domain* owner;
     char* name;  // with path and domain the cookie's identity; both compared with case
     char* value;
-    char* domain;
+    char* domain;  // unread
     char* path;
     int64_t expires;  // seconds since 1970 UTC; 0: never
 };
 LIST_ENTRY_CHECK(cookie_item);
 
+RB_HEAD(cookie_tree, cookie_item);
+
+// Exists while it has a cookie.
 struct cookie_domain {
-    RB_ENTRY(cookie_domain) links;
+    RB_ENTRY(cookie_domain) node;
     char* domain;  // the key, without leading dot, compared ignoring case
     list_link cookies;
+    cookie_tree tree;  // the same cookies by path and name
+    int32_t count;
 };
 
 RB_HEAD(cookie_root, cookie_domain);
@@ -42,15 +58,20 @@ RB_HEAD(cookie_root, cookie_domain);
 struct cookie_store {
     uv_rwlock_t* lock;
     cookie_root* root;
+    list_link ages;  // every cookie
+    int32_t count;
 };
 
 // A name and value of a header, while the header is being read.
 struct cookie_pair {
     list_link link;
+    RB_ENTRY(cookie_pair) node;
     char* name;
     char* value;
 };
 LIST_ENTRY_CHECK(cookie_pair);
+
+RB_HEAD(cookie_names, cookie_pair);
 
 // What one Set-Cookie value says about all of its cookies; null: not said.
 struct cookie_attributes {
@@ -59,10 +80,19 @@ struct cookie_attributes {
     int64_t expires;
 };
 
-static cookie_store* _store = nullptr;
+static cookie_store* the_store = nullptr;
 
-static int _compare_domains(cookie_domain* first, cookie_domain* second) {
+static int _compare_domains(const cookie_domain* first, const cookie_domain* second) {
     return _stricmp(first->domain, second->domain);
+}
+
+static int _compare_cookies(const cookie_item* first, const cookie_item* second) {
+    int difference = strcmp(first->name, second->name);
+    return difference != 0 ? difference : strcmp(first->path, second->path);
+}
+
+static int _compare_names(const cookie_pair* first, const cookie_pair* second) {
+    return strcmp(first->name, second->name);
 }
 
 #if defined(__GNUC__)
@@ -71,10 +101,16 @@ static int _compare_domains(cookie_domain* first, cookie_domain* second) {
 #pragma GCC diagnostic ignored "-Wconversion"
 #pragma GCC diagnostic ignored "-Wunused-function"
 #endif
-RB_GENERATE_STATIC(cookie_root, cookie_domain, links, _compare_domains)
+RB_GENERATE_STATIC(cookie_root, cookie_domain, node, _compare_domains)
+RB_GENERATE_STATIC(cookie_tree, cookie_item, node, _compare_cookies)
+RB_GENERATE_STATIC(cookie_names, cookie_pair, node, _compare_names)
 #if defined(__GNUC__)
 #pragma GCC diagnostic pop
 #endif
+
+static cookie_item* _item_of_age_link(list_link* link) {
+    return (cookie_item*)((char*)link - offsetof(cookie_item, age_link));
+}
 
 // ------------------------------------------------------------------------------ life of the store
 
@@ -85,7 +121,7 @@ static void _free_cookie_store(cookie_store* store) {
 }
 
 bool init_cookie_store(void) {
-    if (_store != nullptr) {
+    if (the_store != nullptr) {
         return true;
     }
     cookie_store* store = (cookie_store*)calloc(1, sizeof(cookie_store));
@@ -99,7 +135,8 @@ bool init_cookie_store(void) {
         return false;
     }
     RB_INIT(store->root);
-    _store = store;
+    list_init(&store->ages);
+    the_store = store;
     return true;
 }
 
@@ -114,34 +151,35 @@ static void _free_cookie_item(cookie_item* item) {
     free(item);
 }
 
-static void _free_cookie_domain(cookie_domain* node) {
-    list_link* link = node->cookies.next;
-    while (link != &node->cookies) {
+static void _free_cookie_domain(cookie_domain* domain) {
+    list_link* link = domain->cookies.next;
+    while (link != &domain->cookies) {
         cookie_item* item = (cookie_item*)link;
         link = link->next;
+        list_unlink(&item->age_link);
         _free_cookie_item(item);
     }
-    free(node->domain);
-    free(node);
+    free(domain->domain);
+    free(domain);
 }
 
 void clear_cookie_store(cookie_root* root) {
     if (root == nullptr) {
         return;
     }
-    for (cookie_domain* node = RB_MIN(cookie_root, root); node != nullptr;
-         node = RB_MIN(cookie_root, root)) {
-        RB_REMOVE(cookie_root, root, node);
-        _free_cookie_domain(node);
+    for (cookie_domain* domain = RB_MIN(cookie_root, root); domain != nullptr;
+         domain = RB_MIN(cookie_root, root)) {
+        RB_REMOVE(cookie_root, root, domain);
+        _free_cookie_domain(domain);
     }
 }
 
 void uninit_cookie_store(void) {
-    cookie_store* store = _store;
+    cookie_store* store = the_store;
     if (store == nullptr) {
         return;
     }
-    _store = nullptr;
+    the_store = nullptr;
     clear_cookie_store(store->root);
     uv_rwlock_destroy(store->lock);
     _free_cookie_store(store);
@@ -203,29 +241,30 @@ static cookie_pair* _parse_pair(char* token) {
 
 // ------------------------------------------------------------------------------ storing
 
-static cookie_domain* _find_domain(cookie_root* root, const char* domain) {
+static cookie_domain* _find_domain(cookie_root* root, const char* text) {
     cookie_domain key = {};
-    key.domain = (char*)domain;
+    key.domain = (char*)text;
     return RB_FIND(cookie_root, root, &key);
 }
 
-static cookie_domain* _find_or_add_domain(cookie_root* root, const char* domain) {
-    cookie_domain* node = _find_domain(root, domain);
-    if (node != nullptr) {
-        return node;
+static cookie_domain* _find_or_add_domain(cookie_root* root, const char* text) {
+    cookie_domain* domain = _find_domain(root, text);
+    if (domain != nullptr) {
+        return domain;
     }
-    node = (cookie_domain*)calloc(1, sizeof(cookie_domain));
-    if (node == nullptr) {
+    domain = (cookie_domain*)calloc(1, sizeof(cookie_domain));
+    if (domain == nullptr) {
         return nullptr;
     }
-    list_init(&node->cookies);
-    node->domain = string_dup(domain);
-    if (node->domain == nullptr) {
-        free(node);
+    list_init(&domain->cookies);
+    RB_INIT(&domain->tree);
+    domain->domain = string_dup(text);
+    if (domain->domain == nullptr) {
+        free(domain);
         return nullptr;
     }
-    RB_INSERT(cookie_root, root, node);
-    return node;
+    RB_INSERT(cookie_root, root, domain);
+    return domain;
 }
 
 static cookie_item* _new_cookie_item(const char* domain, const char* path, const char* name,
@@ -235,6 +274,7 @@ static cookie_item* _new_cookie_item(const char* domain, const char* path, const
         return nullptr;
     }
     list_init(&item->link);
+    list_init(&item->age_link);
     item->domain = string_dup(domain);
     item->path = string_dup(path);
     item->name = string_dup(name);
@@ -248,38 +288,62 @@ static cookie_item* _new_cookie_item(const char* domain, const char* path, const
     return item;
 }
 
-static cookie_item* _find_cookie(cookie_domain* node, const char* path, const char* name) {
-    for (list_link* link = node->cookies.next; link != &node->cookies; link = link->next) {
-        cookie_item* item = (cookie_item*)link;
-        if (strcmp(item->path, path) == 0 && strcmp(item->name, name) == 0) {
-            return item;
-        }
+static void _add_cookie(cookie_store* store, cookie_domain* domain, cookie_item* item) {
+    item->owner = domain;
+    RB_INSERT(cookie_tree, &domain->tree, item);
+    list_append(&domain->cookies, &item->link);
+    list_append(&store->ages, &item->age_link);
+    domain->count++;
+    store->count++;
+}
+
+// A domain that loses its last cookie goes with it.
+static void _remove_cookie(cookie_store* store, cookie_item* item) {
+    cookie_domain* domain = item->owner;
+    RB_REMOVE(cookie_tree, &domain->tree, item);
+    list_unlink(&item->link);
+    list_unlink(&item->age_link);
+    domain->count--;
+    store->count--;
+    _free_cookie_item(item);
+    if (domain->count == 0) {
+        RB_REMOVE(cookie_root, store->root, domain);
+        _free_cookie_domain(domain);
     }
-    return nullptr;
+}
+
+// Behind an addition, so that the domain keeps at least that one.
+static void _remove_surplus_cookies(cookie_store* store, cookie_domain* domain) {
+    if (domain->count > MAX_DOMAIN_COOKIES) {
+        _remove_cookie(store, (cookie_item*)domain->cookies.next);
+    }
+    if (store->count > MAX_COOKIES) {
+        _remove_cookie(store, _item_of_age_link(store->ages.next));
+    }
 }
 
 // Under the write lock. A known cookie takes the new value but keeps its old expiry, and is removed
 // by an empty value; an unknown one is added even when its value is empty.
-static bool _set_cookie(cookie_root* root, const char* domain, const char* path, const char* name,
+static bool _set_cookie(cookie_store* store, const char* domain, const char* path, const char* name,
                         const char* value, int64_t expires) {
     if (!LOG_ASSERT(!is_empty_text(domain) && !is_empty_text(path) && !is_empty_text(name))) {
         return false;
     }
     cookie_item* item = _new_cookie_item(domain, path, name, value, expires);
-    cookie_domain* node = item != nullptr ? _find_or_add_domain(root, domain) : nullptr;
-    if (node == nullptr) {
+    cookie_domain* owner = item != nullptr ? _find_or_add_domain(store->root, domain) : nullptr;
+    if (owner == nullptr) {
         _free_cookie_item(item);
         return false;
     }
 
-    cookie_item* known = _find_cookie(node, path, name);
+    cookie_item* known = RB_FIND(cookie_tree, &owner->tree, item);
     if (known == nullptr) {
-        list_append(&node->cookies, &item->link);
+        _add_cookie(store, owner, item);
+        _remove_surplus_cookies(store, owner);
         return true;
     }
     if (is_empty_text(value)) {
-        list_unlink(&known->link);
-        _free_cookie_item(known);
+        _remove_cookie(store, known);
     } else {
         char* old_value = known->value;
         known->value = item->value;
@@ -367,7 +431,7 @@ static void _complete_attributes(cookie_attributes* attributes, const char* url)
 }
 
 bool set_cookie_by_http_header(const char* url, const char* value) {
-    cookie_store* store = _store;
+    cookie_store* store = the_store;
     if (value == nullptr || store == nullptr) {
         return true;
     }
@@ -385,7 +449,7 @@ bool set_cookie_by_http_header(const char* url, const char* value) {
             continue;
         }
         uv_rwlock_wrlock(store->lock);
-        _set_cookie(store->root, attributes.domain, attributes.path, pair->name, pair->value,
+        _set_cookie(store, attributes.domain, attributes.path, pair->name, pair->value,
                     attributes.expires);
         uv_rwlock_wrunlock(store->lock);
     }
@@ -398,13 +462,15 @@ bool set_cookie_by_http_header(const char* url, const char* value) {
 // ------------------------------------------------------------------------------ reading
 
 // Path prefixes are compared as plain bytes: "/a" serves "/ab" too.
-static void _collect_domain_cookies(cookie_domain* node, const char* path, text_buffer* buffer) {
+static void _collect_domain_cookies(const cookie_domain* domain, const char* path,
+                                    text_buffer* buffer) {
     int64_t now = _time64(nullptr);
     if (is_empty_text(path)) {
         return;
     }
-    for (list_link* link = node->cookies.next; link != &node->cookies; link = link->next) {
-        cookie_item* item = (cookie_item*)link;
+    for (const list_link* link = domain->cookies.next; link != &domain->cookies;
+         link = link->next) {
+        const cookie_item* item = (const cookie_item*)link;
         bool expired = item->expires != 0 && item->expires <= now;
         if (!expired && strncmp(path, item->path, strlen(item->path)) == 0) {
             text_buffer_append_format(buffer, "%s=%s;", item->name, item->value);
@@ -419,9 +485,9 @@ static bool _get_cookies_for_host(cookie_root* root, const char* host, const cha
     text_buffer_init(&buffer, COOKIE_LINE_CAPACITY);
     const char* suffix = host[0] == '.' ? host + 1 : host;
     while (suffix != nullptr) {
-        cookie_domain* node = _find_domain(root, suffix);
-        if (node != nullptr) {
-            _collect_domain_cookies(node, path, &buffer);
+        const cookie_domain* domain = _find_domain(root, suffix);
+        if (domain != nullptr) {
+            _collect_domain_cookies(domain, path, &buffer);
         }
         const char* dot = strchr(suffix, '.');
         suffix = dot != nullptr ? dot + 1 : nullptr;
@@ -439,7 +505,7 @@ bool get_cookie(const char* url, char** output) {
         return false;
     }
     *output = nullptr;
-    cookie_store* store = _store;
+    cookie_store* store = the_store;
     if (is_empty_text(url) || store == nullptr) {
         return false;
     }
@@ -462,17 +528,16 @@ bool get_cookie(const char* url, char** output) {
 
 // ------------------------------------------------------------------------------ merging
 
-static bool _is_name_listed(const list_link* names, const char* name) {
-    for (const list_link* link = names->next; link != names; link = link->next) {
-        if (strcmp(((const cookie_pair*)link)->name, name) == 0) {
-            return true;
-        }
+static void _free_names(cookie_names* names) {
+    for (cookie_pair* pair = RB_MIN(cookie_names, names); pair != nullptr;
+         pair = RB_MIN(cookie_names, names)) {
+        RB_REMOVE(cookie_names, names, pair);
+        _free_pair(pair);
     }
-    return false;
 }
 
 // False without memory.
-static bool _add_cookie_to_buffer(list_link* names, const char* text, text_buffer* buffer) {
+static bool _add_cookie_to_buffer(cookie_names* names, const char* text, text_buffer* buffer) {
     if (!LOG_ASSERT(names != nullptr && buffer != nullptr) || text == nullptr) {
         return true;
     }
@@ -487,13 +552,12 @@ static bool _add_cookie_to_buffer(list_link* names, const char* text, text_buffe
             ok = !is_pair;
             continue;
         }
-        if (is_empty_text(pair->name) || _is_name_listed(names, pair->name)) {
+        if (is_empty_text(pair->name) || RB_INSERT(cookie_names, names, pair) != nullptr) {
             _free_pair(pair);
             continue;
         }
         ok = text_buffer_append_format(buffer, buffer->length == 0 ? "%s=%s" : "; %s=%s",
                                        pair->name, pair->value);
-        list_append(names, &pair->link);
     }
     free(copy);
     return ok;
@@ -506,12 +570,11 @@ char* merge_cookie_text(const char* first, const char* second) {
     }
 
     text_buffer buffer = {};
-    list_link names;
-    list_init(&names);
+    cookie_names names = RB_INITIALIZER(&names);
     text_buffer_init(&buffer, MERGED_COOKIE_CAPACITY);
     bool ok = _add_cookie_to_buffer(&names, first, &buffer) &&
               _add_cookie_to_buffer(&names, second, &buffer) && text_buffer_append(&buffer, "", 1);
-    _free_pairs(&names);
+    _free_names(&names);
     if (!ok) {
         text_buffer_release(&buffer);
         return nullptr;

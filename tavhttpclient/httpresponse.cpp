@@ -341,6 +341,8 @@ static void _finish_head_response(http_session* session) {
         LOG_ASSERT_IN("_on_write_body_finish", response->body_chunk.length == 0);
         LOG_ASSERT_IN("_on_write_body_finish", response->recv_body_bytes == 0);
     }
+    // The rest of a body that came all the same would be taken for the next response.
+    response->has_surplus |= response->recv_body_bytes != 0 ? 1 : 0;
     response->recv_body_bytes = 0;
     text_buffer_set_length(&response->body_chunk, 0);
     _notify_recv_response_result(session, TAV_HTTP_ERROR_CODE_OK);

@@ -82,6 +82,8 @@ struct http_response {
     uint32_t recv_state;
     worker_step parse_work;
     uint32_t result;
+
+    uint8_t has_surplus;  // bytes came behind its end: the connection is not to be used again
 };
 
 // Receives the response to the request just sent: frees the session's old response, makes a new

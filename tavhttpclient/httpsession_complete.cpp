@@ -50,7 +50,8 @@ static void _hand_back_connection(http_session* session) {
     }
     http_connection* connection = session->connection;
     const http_options* options = session->options;
-    if (connection == nullptr || !(options->keep_connection != 0 || keep_alive)) {
+    bool is_spoilt = response != nullptr && response->has_surplus != 0;
+    if (connection == nullptr || is_spoilt || !(options->keep_connection != 0 || keep_alive)) {
         return;
     }
     // 0 stands for the default of the pool.

@@ -300,6 +300,18 @@ static http_response* _response_of(http_parser* state) {
     return (http_response*)state->data;
 }
 
+// False: the response is refused.
+static bool _count_header_bytes(http_response* response, size_t count) {
+    response_parser* parser = response->parser;
+    if (count <= MAX_HEADER_BYTES - parser->header_bytes) {
+        parser->header_bytes += (uint32_t)count;
+        return true;
+    }
+    LOG_INFO("parse_response_message, too many header bytes, id=%u, limit=%d",
+             response->session != nullptr ? response->session->id : 0, MAX_HEADER_BYTES);
+    return false;
+}
+
 static int on_nothing(http_parser* state) {
     (void)state;
     return 0;
@@ -314,6 +326,9 @@ static int on_nothing_data(http_parser* state, const char* piece, size_t length)
 
 static int on_message_begin(http_parser* state) {
     http_response* response = _response_of(state);
+    if (!_count_header_bytes(response, MIN_LINE_BYTES)) {
+        return STOP_PARSER;
+    }
     response->recv_state = RECV_BEGUN;
     if (response->header_list == nullptr) {
         response->header_list = (list_link*)calloc(1, sizeof(list_link));
@@ -331,6 +346,9 @@ static int on_message_begin(http_parser* state) {
 
 static int on_status(http_parser* state, const char* piece, size_t length) {
     http_response* response = _response_of(state);
+    if (!_count_header_bytes(response, length)) {
+        return STOP_PARSER;
+    }
     response->status_code = state->status_code;
     free(response->status_text);
     return _begin_piece(&response->status_text, piece, length);
@@ -345,6 +363,9 @@ static int _begin_name(response_parser* parser, const char* piece, size_t length
 static int on_header_field(http_parser* state, const char* piece, size_t length) {
     http_response* response = _response_of(state);
     response_parser* parser = response->parser;
+    if (!_count_header_bytes(response, length)) {
+        return STOP_PARSER;
+    }
     switch (parser->header_state) {
     case HEADER_IDLE:
         return _begin_name(parser, piece, length);
@@ -364,7 +385,12 @@ static int on_header_field(http_parser* state, const char* piece, size_t length)
 }
 
 static int on_header_value(http_parser* state, const char* piece, size_t length) {
-    response_parser* parser = _response_of(state)->parser;
+    http_response* response = _response_of(state);
+    response_parser* parser = response->parser;
+    bool is_new_line = parser->header_state != HEADER_VALUE;
+    if (!_count_header_bytes(response, length + (is_new_line ? MIN_LINE_BYTES : 0))) {
+        return STOP_PARSER;
+    }
     switch (parser->header_state) {
     case HEADER_IDLE:
         _drop_pending_header(parser);
@@ -448,8 +474,23 @@ static int on_body(http_parser* state, const char* piece, size_t length) {
     }
 }
 
+static bool _is_over(const http_response* response) {
+    return response->recv_state == RECV_COMPLETE && response->status_code / 100 != 1;
+}
+
+// The end of an interim response is followed by the next head. Behind the final one the parser is
+// held, so that nothing more reaches the response.
 static int on_message_complete(http_parser* state) {
-    _response_of(state)->recv_state = RECV_COMPLETE;
+    http_response* response = _response_of(state);
+    response->recv_state = RECV_COMPLETE;
+    if (_is_over(response)) {
+        http_parser_pause(state, 1);
+    }
+    return 0;
+}
+
+static int on_surplus_message(http_parser* state) {
+    _response_of(state)->has_surplus = 1;
     return 0;
 }
 
@@ -478,6 +519,15 @@ static void _log_response_head(const char* data, uint32_t count) {
     LOG_INFO("rsp-header: %.*s\n", (int)length, data);
 }
 
+// The bytes behind the final response belong to none. They must be those of HTTP messages all the
+// same. Returns the count that was.
+static size_t _drop_surplus(http_parser* state, const char* data, size_t count) {
+    http_parser_settings settings;
+    http_parser_settings_init(&settings);
+    settings.on_message_begin = on_surplus_message;
+    return count != 0 ? http_parser_execute(state, &settings, data, count) : 0;
+}
+
 static bool _start_parser(http_response* response, const char* data, uint32_t count) {
     response->recv_state = RECV_NONE;
     response->parser = (response_parser*)calloc(1, sizeof(response_parser));
@@ -500,7 +550,13 @@ bool parse_response_message(http_response* response, const char* data, uint32_t 
     }
     http_parser* state = &response->parser->parser;
     state->data = response;
-    size_t consumed = http_parser_execute(state, &settings, data, count);
+    size_t consumed = _is_over(response) ? 0 : http_parser_execute(state, &settings, data, count);
+    if (HTTP_PARSER_ERRNO(state) == HPE_PAUSED) {
+        http_parser_pause(state, 0);
+    }
+    if (_is_over(response)) {
+        consumed += _drop_surplus(state, data + consumed, count - consumed);
+    }
     // A body callback that refuses the last bytes of a chunk stops a parser that has used them all.
     return consumed == count && HTTP_PARSER_ERRNO(state) == HPE_OK;
 }

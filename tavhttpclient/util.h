@@ -85,6 +85,7 @@ bool split_at_char(const char* begin, const char* end, char separator, const cha
 
 // ------------------------------------------------------------------------------------- texts
 
+// True for null and for a text without characters.
 inline bool is_empty_text(const char* text) {
     return text == nullptr || text[0] == '\0';
 }

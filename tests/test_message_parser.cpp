@@ -123,8 +123,13 @@ TEST(MessageParser, EveryCutGivesTheSameResponse) {
         {"gzip", response(200, gzip_bytes("packed, packed"), gzipped), RECV_COMPLETE,
          "packed, packed"},
         {"interim", "HTTP/1.1 100 Continue\r\n\r\n" + response(200, "real"), RECV_COMPLETE, "real"},
-        {"interim with a trailer", ok + chunked + "\r\n0\r\nX: y\r\n\r\n" + response(200, "second"),
+        {"interim with a trailer",
+         "HTTP/1.1 103 Hints\r\n" + chunked + "\r\n0\r\nX: y\r\n\r\n" + response(200, "second"),
          RECV_COMPLETE, "second"},
+        {"another behind it", response(200, "first") + response(404, "second", "Server: b\r\n"),
+         RECV_COMPLETE, "first"},
+        {"another behind a trailer",
+         ok + chunked + "\r\n0\r\nX: y\r\n\r\n" + response(200, "second"), RECV_COMPLETE, ""},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
