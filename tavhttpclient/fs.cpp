@@ -10,9 +10,9 @@
 #include <uv.h>
 
 #include "platform/win_file.h"
-#include "tavhttpclient/httpinit.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
+#include "tavhttpclient/settings.h"
 #include "tavhttpclient/util.h"
 #include "tavhttpclient/utilplatform_win32.h"
 #include "tavhttpclient/worker.h"

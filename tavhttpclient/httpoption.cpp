@@ -5,10 +5,10 @@
 #include <string.h>
 
 #include "platform/win_text.h"
-#include "tavhttpclient/httpinit.h"
 #include "tavhttpclient/httprequest.h"
 #include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/session_record.h"
+#include "tavhttpclient/settings.h"
 
 enum {
     FORMATTED_VALUE_CAPACITY = 128

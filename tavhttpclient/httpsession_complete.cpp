@@ -8,13 +8,13 @@
 #include "platform/win_time.h"
 #include "tavhttpclient/connectionpool.h"
 #include "tavhttpclient/httpconnect.h"
-#include "tavhttpclient/httpinit.h"
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httprequest.h"
 #include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/httpsession_steps.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
+#include "tavhttpclient/settings.h"
 #include "tavhttpclient/statistics.h"
 
 enum {

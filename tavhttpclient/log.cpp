@@ -55,3 +55,15 @@ void log_assert_fail(const char* file, const char* function, uint32_t line) {
     write_log(LOG_LEVEL_ERROR, LOG_TAG, line, "assert fail, file=%s, function=%s, line=%d", file,
               function, (int32_t)line);
 }
+
+const char* error_code_name(uint32_t code) {
+    switch (code) {
+#define NAME_OF_CODE(name, value)                                                                  \
+    case value:                                                                                    \
+        return #name;
+        TAV_HTTP_ERROR_CODE_MAP(NAME_OF_CODE)
+#undef NAME_OF_CODE
+    default:
+        return "TAV_HTTP_ERROR_CODE_UNKNOWN";
+    }
+}

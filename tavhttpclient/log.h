@@ -33,6 +33,9 @@ void write_log(int32_t level, const char* tag, uint32_t line, const char* format
 // Stores the receiver of log lines; null turns logging off. Any thread.
 void set_log_callback(log_callback callback);
 
+// Constant name of a code; "TAV_HTTP_ERROR_CODE_UNKNOWN" for any value without one. Any thread.
+const char* error_code_name(uint32_t code);
+
 // Logs "assert fail, ..." at level 1000. Call it through LOG_ASSERT.
 void log_assert_fail(const char* file, const char* function, uint32_t line);
 

@@ -8,8 +8,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "tavhttpclient/httpinit.h"
 #include "tavhttpclient/log.h"
+#include "tavhttpclient/settings.h"
 #include "tavhttpclient/util.h"
 
 #define CATALOG_SIZE_W 8192

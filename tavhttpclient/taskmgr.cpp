@@ -9,12 +9,12 @@
 #include <stdlib.h>
 
 #include "platform/win_time.h"
-#include "tavhttpclient/httpinit.h"
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
 #include "tavhttpclient/session_record.h"
+#include "tavhttpclient/settings.h"
 #include "tavhttpclient/uvhelper.h"
 
 static const uint64_t LARGE_DOWNLOAD_BYTES = 2000000;

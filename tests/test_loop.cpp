@@ -3,8 +3,9 @@
 #include <malloc.h>
 #include <uv.h>
 
-#include "tavhttpclient/httpinit.h"
+#include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
+#include "tavhttpclient/settings.h"
 #include "tests/support/host.h"
 #include "tests/support/on_loop.h"
 

@@ -1,5 +1,7 @@
 #include "tests/fault/fault_run.h"
 
+#include "tavhttpclient/log.h"
+#include "tavhttpclient/settings.h"
 #include "tests/fault/fault_wrap.h"
 
 #include <unistd.h>
@@ -12,7 +14,6 @@
 #include <set>
 #include <thread>
 
-#include "tavhttpclient/httpinit.h"
 
 // -------------------------------------------------------------------------------- the callbacks
 

@@ -1,6 +1,6 @@
 #include "tests/fault/fault_scenarios.h"
 
-#include "tavhttpclient/httpinit.h"
+#include "tavhttpclient/settings.h"
 #include "tests/support/host.h"
 #include "tests/support/scripted_server.h"
 
