@@ -81,10 +81,6 @@ static uint32_t _replace_or_clear(char** field, const char* text) {
     return _replace_text(field, is_empty_text(text) ? nullptr : text);
 }
 
-static uint32_t _as_switch(uint32_t value) {
-    return value != 0 ? 1 : 0;
-}
-
 // A null format leaves an empty, terminated text: its storage marks a form field as such.
 static bool _format_value(text_buffer* value, const char* format, va_list arguments) {
     return text_buffer_init(value, FORMATTED_VALUE_CAPACITY) &&
@@ -128,18 +124,18 @@ static uint32_t _finish_form_entry(http_options* options, upload_item* item, boo
     return TAV_HTTP_ERROR_CODE_OK;
 }
 
-// ------------------------------------------------------------------------------ list options
+// ------------------------------------------------------------- options with more to them
 
-static uint32_t _add_header(http_options* options, va_list arguments) {
-    const char* name = va_arg(arguments, const char*);
-    const char* format = va_arg(arguments, const char*);
+static uint32_t _add_header(http_options* options, va_list* arguments) {
+    const char* name = va_arg(*arguments, const char*);
+    const char* format = va_arg(*arguments, const char*);
     if (is_empty_text(name)) {
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
 
     text_buffer value = {};
     header_entry* entry = (header_entry*)calloc(1, sizeof(header_entry));
-    if (entry == nullptr || !_format_value(&value, format, arguments)) {
+    if (entry == nullptr || !_format_value(&value, format, *arguments)) {
         free(entry);
         text_buffer_release(&value);
         return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
@@ -156,22 +152,22 @@ static uint32_t _add_header(http_options* options, va_list arguments) {
     return TAV_HTTP_ERROR_CODE_OK;
 }
 
-static uint32_t _add_form_field(http_options* options, va_list arguments) {
-    const char* name = va_arg(arguments, const char*);
-    const char* format = va_arg(arguments, const char*);
+static uint32_t _add_form_field(http_options* options, va_list* arguments) {
+    const char* name = va_arg(*arguments, const char*);
+    const char* format = va_arg(*arguments, const char*);
     if (is_empty_text(name)) {
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
 
     upload_item* item = _new_form_entry(name);
-    bool complete = item != nullptr && _format_value(&item->form_value, format, arguments);
+    bool complete = item != nullptr && _format_value(&item->form_value, format, *arguments);
     return _finish_form_entry(options, item, complete);
 }
 
-static uint32_t _add_form_file(http_options* options, va_list arguments) {
-    const char* name = va_arg(arguments, const char*);
-    const char* path = va_arg(arguments, const char*);
-    const char* announced = va_arg(arguments, const char*);
+static uint32_t _add_form_file(http_options* options, va_list* arguments) {
+    const char* name = va_arg(*arguments, const char*);
+    const char* path = va_arg(*arguments, const char*);
+    const char* announced = va_arg(*arguments, const char*);
     if (is_empty_text(name)) {
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
@@ -187,11 +183,11 @@ static uint32_t _add_form_file(http_options* options, va_list arguments) {
     return _finish_form_entry(options, item, complete);
 }
 
-static uint32_t _add_form_data(http_options* options, va_list arguments) {
-    const char* name = va_arg(arguments, const char*);
-    const void* bytes = va_arg(arguments, const void*);
-    int32_t length = va_arg(arguments, int32_t);
-    const char* announced = va_arg(arguments, const char*);
+static uint32_t _add_form_data(http_options* options, va_list* arguments) {
+    const char* name = va_arg(*arguments, const char*);
+    const void* bytes = va_arg(*arguments, const void*);
+    int32_t length = va_arg(*arguments, int32_t);
+    const char* announced = va_arg(*arguments, const char*);
     if (is_empty_text(name)) {
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
@@ -209,66 +205,27 @@ static uint32_t _add_form_data(http_options* options, va_list arguments) {
     return _finish_form_entry(options, item, complete);
 }
 
-static uint32_t _append_body(http_options* options, va_list arguments) {
-    const void* bytes = va_arg(arguments, const void*);
-    uint32_t count = va_arg(arguments, uint32_t);
+static uint32_t _append_body(http_options* options, va_list* arguments) {
+    const void* bytes = va_arg(*arguments, const void*);
+    uint32_t count = va_arg(*arguments, uint32_t);
     return text_buffer_append(&options->body, bytes, count) ? TAV_HTTP_ERROR_CODE_OK
                                                             : TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
 }
 
-// Ids 190 to 195.
-static uint32_t _set_body_option(http_options* options, uint32_t option, va_list arguments) {
-    switch (option) {
-    case TAV_HTTP_OPTION_ADD_HEADER:
-        return _add_header(options, arguments);
-    case TAV_HTTP_OPTION_ADD_FORM_FIELD:
-        return _add_form_field(options, arguments);
-    case TAV_HTTP_OPTION_ADD_FORM_FILE:
-        return _add_form_file(options, arguments);
-    case TAV_HTTP_OPTION_APPEND_BODY:
-        return _append_body(options, arguments);
-    case TAV_HTTP_OPTION_UPLOAD_FILE:
-        return _replace_text(&options->upload_file, va_arg(arguments, const char*));
-    case TAV_HTTP_OPTION_ADD_FORM_DATA:
-        return _add_form_data(options, arguments);
-    default:
-        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
-    }
-}
-
-// ---------------------------------------------------------------------------- single options
-
-// Ids 1 to 5.
-static uint32_t _set_flow_option(http_options* options, uint32_t option, va_list arguments) {
-    switch (option) {
-    case TAV_HTTP_OPTION_NO_REDIRECT:
-        options->no_redirect = _as_switch(va_arg(arguments, uint32_t));
-        break;
-    case TAV_HTTP_OPTION_2:
-        options->option_2 = va_arg(arguments, uint32_t);
-        break;
-    case TAV_HTTP_OPTION_CONNECT_TIMEOUT:
-        options->connect_timeout = va_arg(arguments, int32_t);
-        break;
-    case TAV_HTTP_OPTION_IO_TIMEOUT:
-        options->io_timeout = va_arg(arguments, int32_t);
-        break;
-    case TAV_HTTP_OPTION_SESSION_TIMEOUT:
-        options->session_timeout = va_arg(arguments, int32_t);
-        break;
-    default:
-        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
-    }
-    return TAV_HTTP_ERROR_CODE_OK;
-}
-
-static uint32_t _set_download_file(http_options* options, const char* path) {
-    uint32_t result = _replace_or_clear(&options->download_file, path);
+static uint32_t _set_download_file(http_options* options, va_list* arguments) {
+    uint32_t result = _replace_or_clear(&options->download_file, va_arg(*arguments, const char*));
     options->download_to_file = options->download_file != nullptr ? 1 : 0;
     return result;
 }
 
-static uint32_t _set_cookie_text(http_options* options, const char* text) {
+static uint32_t _set_download_to_file(http_options* options, va_list* arguments) {
+    string_replace(&options->download_file, nullptr);
+    options->download_to_file = va_arg(*arguments, uint32_t) != 0 ? 1 : 0;
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+static uint32_t _set_cookie_text(http_options* options, va_list* arguments) {
+    const char* text = va_arg(*arguments, const char*);
     if (is_empty_text(text)) {
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
@@ -278,81 +235,18 @@ static uint32_t _set_cookie_text(http_options* options, const char* text) {
                : TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
 }
 
-static uint32_t _connection_mode(uint32_t value) {
-    return value == 1 || value == 2 ? value : 0;
-}
-
-// The ids from 101 to 117 whose value is a text.
-static uint32_t _set_head_text(http_options* options, uint32_t option, va_list arguments) {
-    const char* text = va_arg(arguments, const char*);
-    switch (option) {
-    case TAV_HTTP_OPTION_DOWNLOAD_FILE:
-        return _set_download_file(options, text);
-    case TAV_HTTP_OPTION_IF_NONE_MATCH:
-        return _replace_or_clear(&options->if_none_match, text);
-    case TAV_HTTP_OPTION_COOKIE:
-        return _set_cookie_text(options, text);
-    case TAV_HTTP_OPTION_ACCEPT:
-        return _replace_text(&options->accept, text);
-    case TAV_HTTP_OPTION_USER_AGENT:
-        return _replace_or_clear(&options->user_agent, text);
-    case TAV_HTTP_OPTION_TLS_HOST_NAME:
-        return _replace_or_clear(&options->tls_host_name, text);
-    case TAV_HTTP_OPTION_HOST:
-        return _replace_or_clear(&options->host, text);
-    case TAV_HTTP_OPTION_CACHE_CONTROL:
-        return _replace_or_clear(&options->cache_control, text);
-    default:
-        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
-    }
-}
-
-// Ids 101 to 117.
-static uint32_t _set_head_option(http_options* options, uint32_t option, va_list arguments) {
-    switch (option) {
-    case TAV_HTTP_OPTION_DOWNLOAD_TO_FILE:
-        string_replace(&options->download_file, nullptr);
-        options->download_to_file = _as_switch(va_arg(arguments, uint32_t));
-        break;
-    case TAV_HTTP_OPTION_RANGE:
-        options->range_start = va_arg(arguments, int64_t);
-        options->range_end = va_arg(arguments, int64_t);
-        break;
-    case TAV_HTTP_OPTION_IF_MODIFIED_SINCE:
-        options->if_modified_since = va_arg(arguments, int64_t);
-        break;
-    case TAV_HTTP_OPTION_CONNECTION:
-        options->connection = _connection_mode(va_arg(arguments, uint32_t));
-        break;
-    case TAV_HTTP_OPTION_NO_COOKIE_STORE:
-        options->no_cookie_store = _as_switch(va_arg(arguments, uint32_t));
-        break;
-    case TAV_HTTP_OPTION_NO_COMPRESSION:
-        options->no_compression = _as_switch(va_arg(arguments, uint32_t));
-        break;
-    case TAV_HTTP_OPTION_RESUME:
-        options->resume = _as_switch(va_arg(arguments, uint32_t));
-        break;
-    case TAV_HTTP_OPTION_BODY_MD5:
-        options->body_md5 = _as_switch(va_arg(arguments, uint32_t));
-        break;
-    case TAV_HTTP_OPTION_KEEP_ERROR_BODY:
-        options->keep_error_body = _as_switch(va_arg(arguments, uint32_t));
-        break;
-    default:
-        return _set_head_text(options, option, arguments);
-    }
+static uint32_t _set_priority(http_options* options, va_list* arguments) {
+    int32_t priority = va_arg(*arguments, int32_t);
+    bool known = priority == TAV_HTTP_PRIORITY_LOW || priority == TAV_HTTP_PRIORITY_NORMAL ||
+                 priority == TAV_HTTP_PRIORITY_HIGH;
+    options->priority =
+        LOG_ASSERT_IN("tavHTTPSetOption", known) ? priority : TAV_HTTP_PRIORITY_NORMAL;
     return TAV_HTTP_ERROR_CODE_OK;
 }
 
-static int32_t _checked_priority(int32_t priority) {
-    bool known = priority == TAV_HTTP_PRIORITY_LOW || priority == TAV_HTTP_PRIORITY_NORMAL ||
-                 priority == TAV_HTTP_PRIORITY_HIGH;
-    return LOG_ASSERT_IN("tavHTTPSetOption", known) ? priority : TAV_HTTP_PRIORITY_NORMAL;
-}
-
 // Without memory the old proxy stays: a session must not go past the one it was given.
-static uint32_t _set_proxy(http_options* options, const proxy_info* proxy) {
+static uint32_t _set_proxy(http_options* options, va_list* arguments) {
+    const proxy_info* proxy = va_arg(*arguments, const proxy_info*);
     proxy_info* copy = copy_proxy_info(proxy);
     if (proxy != nullptr && copy == nullptr) {
         return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
@@ -362,88 +256,130 @@ static uint32_t _set_proxy(http_options* options, const proxy_info* proxy) {
     return TAV_HTTP_ERROR_CODE_OK;
 }
 
-// Ids 201 to 207.
-static uint32_t _set_queue_option(http_options* options, uint32_t option, va_list arguments) {
-    switch (option) {
-    case TAV_HTTP_OPTION_PRIORITY:
-        options->priority = _checked_priority(va_arg(arguments, int32_t));
+struct option_setter {
+    uint32_t id;
+    uint32_t (*set)(http_options* options, va_list* arguments);
+};
+
+static const option_setter SETTERS[] = {
+    {TAV_HTTP_OPTION_DOWNLOAD_FILE, _set_download_file},
+    {TAV_HTTP_OPTION_DOWNLOAD_TO_FILE, _set_download_to_file},
+    {TAV_HTTP_OPTION_COOKIE, _set_cookie_text},
+    {TAV_HTTP_OPTION_ADD_HEADER, _add_header},
+    {TAV_HTTP_OPTION_ADD_FORM_FIELD, _add_form_field},
+    {TAV_HTTP_OPTION_ADD_FORM_FILE, _add_form_file},
+    {TAV_HTTP_OPTION_APPEND_BODY, _append_body},
+    {TAV_HTTP_OPTION_ADD_FORM_DATA, _add_form_data},
+    {TAV_HTTP_OPTION_PRIORITY, _set_priority},
+    {TAV_HTTP_OPTION_PROXY, _set_proxy},
+};
+
+// ------------------------------------------------------------ options that are stored as they are
+
+enum option_kind {
+    OPTION_NUMBER,         // 32 bits, signed or not
+    OPTION_SWITCH,         // 32 bits, stored as 0 or 1
+    OPTION_LONG,           // 64 bits
+    OPTION_TEXT,           // copied; null: none
+    OPTION_NONEMPTY_TEXT,  // copied; null or empty: none
+    OPTION_CALLBACK        // stored in the session
+};
+
+// An id with several values has one row for each, in their order.
+struct option_row {
+    uint32_t id;
+    option_kind kind;
+    size_t place;    // in the options; a callback's: in the session
+    uint32_t limit;  // a greater number counts as 0; 0: none
+};
+
+#define IN_OPTIONS(field) offsetof(http_options, field)
+#define IN_SESSION(field) offsetof(http_session, field)
+
+static const option_row ROWS[] = {
+    {TAV_HTTP_OPTION_NO_REDIRECT, OPTION_SWITCH, IN_OPTIONS(no_redirect), 0},
+    {TAV_HTTP_OPTION_2, OPTION_NUMBER, IN_OPTIONS(option_2), 0},
+    {TAV_HTTP_OPTION_CONNECT_TIMEOUT, OPTION_NUMBER, IN_OPTIONS(connect_timeout), 0},
+    {TAV_HTTP_OPTION_IO_TIMEOUT, OPTION_NUMBER, IN_OPTIONS(io_timeout), 0},
+    {TAV_HTTP_OPTION_SESSION_TIMEOUT, OPTION_NUMBER, IN_OPTIONS(session_timeout), 0},
+    {TAV_HTTP_OPTION_RANGE, OPTION_LONG, IN_OPTIONS(range_start), 0},
+    {TAV_HTTP_OPTION_RANGE, OPTION_LONG, IN_OPTIONS(range_end), 0},
+    {TAV_HTTP_OPTION_IF_MODIFIED_SINCE, OPTION_LONG, IN_OPTIONS(if_modified_since), 0},
+    {TAV_HTTP_OPTION_IF_NONE_MATCH, OPTION_NONEMPTY_TEXT, IN_OPTIONS(if_none_match), 0},
+    {TAV_HTTP_OPTION_ACCEPT, OPTION_TEXT, IN_OPTIONS(accept), 0},
+    {TAV_HTTP_OPTION_USER_AGENT, OPTION_NONEMPTY_TEXT, IN_OPTIONS(user_agent), 0},
+    {TAV_HTTP_OPTION_CONNECTION, OPTION_NUMBER, IN_OPTIONS(connection), 2},
+    {TAV_HTTP_OPTION_NO_COOKIE_STORE, OPTION_SWITCH, IN_OPTIONS(no_cookie_store), 0},
+    {TAV_HTTP_OPTION_NO_COMPRESSION, OPTION_SWITCH, IN_OPTIONS(no_compression), 0},
+    {TAV_HTTP_OPTION_RESUME, OPTION_SWITCH, IN_OPTIONS(resume), 0},
+    {TAV_HTTP_OPTION_BODY_MD5, OPTION_SWITCH, IN_OPTIONS(body_md5), 0},
+    {TAV_HTTP_OPTION_KEEP_ERROR_BODY, OPTION_SWITCH, IN_OPTIONS(keep_error_body), 0},
+    {TAV_HTTP_OPTION_TLS_HOST_NAME, OPTION_NONEMPTY_TEXT, IN_OPTIONS(tls_host_name), 0},
+    {TAV_HTTP_OPTION_HOST, OPTION_NONEMPTY_TEXT, IN_OPTIONS(host), 0},
+    {TAV_HTTP_OPTION_CACHE_CONTROL, OPTION_NONEMPTY_TEXT, IN_OPTIONS(cache_control), 0},
+    {TAV_HTTP_OPTION_UPLOAD_FILE, OPTION_TEXT, IN_OPTIONS(upload_file), 0},
+    {TAV_HTTP_OPTION_NO_REUSE, OPTION_NUMBER, IN_OPTIONS(no_reuse), 0},
+    {TAV_HTTP_OPTION_QUEUE_FIFO, OPTION_NUMBER, IN_OPTIONS(queue_fifo), 0},
+    {TAV_HTTP_OPTION_KEEP_ALIVE, OPTION_NUMBER, IN_OPTIONS(keep_connection), 0},
+    {TAV_HTTP_OPTION_KEEP_ALIVE, OPTION_NUMBER, IN_OPTIONS(keep_alive_timeout), 0},
+    {TAV_HTTP_OPTION_KEEP_ALIVE, OPTION_NUMBER, IN_OPTIONS(keep_alive_max), 0},
+    {TAV_HTTP_OPTION_HIDE_URL, OPTION_NUMBER, IN_OPTIONS(hide_url), 0},
+    {TAV_HTTP_OPTION_KEEP_UNDECODED_BODY, OPTION_NUMBER, IN_OPTIONS(keep_undecoded_body), 0},
+    // Hosts rely on the second value.
+    {TAV_HTTP_OPTION_KEEP_UNDECODED_BODY, OPTION_SWITCH, IN_OPTIONS(no_cookie_store), 0},
+    {TAV_HTTP_OPTION_CONNECTING_CALLBACK, OPTION_CALLBACK, IN_SESSION(connecting_cb), 0},
+    {TAV_HTTP_OPTION_CONNECTED_CALLBACK, OPTION_CALLBACK, IN_SESSION(connected_cb), 0},
+    {TAV_HTTP_OPTION_DOWNLOAD_START_CALLBACK, OPTION_CALLBACK, IN_SESSION(download_start_cb), 0},
+    {TAV_HTTP_OPTION_REDIRECT_CALLBACK, OPTION_CALLBACK, IN_SESSION(redirect_cb), 0},
+    {TAV_HTTP_OPTION_DOWNLOAD_DATA_CALLBACK, OPTION_CALLBACK, IN_SESSION(download_data_cb), 0},
+    {TAV_HTTP_OPTION_COMPLETE_CALLBACK, OPTION_CALLBACK, IN_SESSION(complete_cb), 0},
+    {TAV_HTTP_OPTION_UPLOAD_PROGRESS_CALLBACK, OPTION_CALLBACK, IN_SESSION(upload_progress_cb), 0},
+    {TAV_HTTP_OPTION_RESPONSE_HEADER_CALLBACK, OPTION_CALLBACK, IN_SESSION(response_header_cb), 0},
+};
+
+#undef IN_OPTIONS
+#undef IN_SESSION
+
+static uint32_t _store_value(http_session* session, const option_row* row, va_list* arguments) {
+    char* place = (char*)session->options + row->place;
+    uint32_t number = 0;
+    switch (row->kind) {
+    case OPTION_NUMBER:
+        number = va_arg(*arguments, uint32_t);
+        *(uint32_t*)place = row->limit != 0 && number > row->limit ? 0 : number;
         break;
-    case TAV_HTTP_OPTION_NO_REUSE:
-        options->no_reuse = va_arg(arguments, uint32_t);
+    case OPTION_SWITCH:
+        *(uint32_t*)place = va_arg(*arguments, uint32_t) != 0 ? 1 : 0;
         break;
-    case TAV_HTTP_OPTION_PROXY:
-        return _set_proxy(options, va_arg(arguments, const proxy_info*));
-    case TAV_HTTP_OPTION_QUEUE_FIFO:
-        options->queue_fifo = va_arg(arguments, uint32_t);
+    case OPTION_LONG:
+        *(int64_t*)place = va_arg(*arguments, int64_t);
         break;
-    case TAV_HTTP_OPTION_KEEP_ALIVE:
-        options->keep_connection = va_arg(arguments, uint32_t);
-        options->keep_alive_timeout = va_arg(arguments, int32_t);
-        options->keep_alive_max = va_arg(arguments, int32_t);
+    case OPTION_TEXT:
+        return _replace_text((char**)place, va_arg(*arguments, const char*));
+    case OPTION_NONEMPTY_TEXT:
+        return _replace_or_clear((char**)place, va_arg(*arguments, const char*));
+    case OPTION_CALLBACK:
+        // Pointers to functions have one size, whatever the functions' types.
+        void (*callback)(void) = va_arg(*arguments, void (*)(void));
+        memcpy((char*)session + row->place, &callback, sizeof(callback));
         break;
-    case TAV_HTTP_OPTION_HIDE_URL:
-        options->hide_url = va_arg(arguments, uint32_t);
-        break;
-    case TAV_HTTP_OPTION_KEEP_UNDECODED_BODY:
-        // Hosts rely on the second value, so it is taken in every case.
-        options->keep_undecoded_body = va_arg(arguments, uint32_t);
-        options->no_cookie_store = _as_switch(va_arg(arguments, uint32_t));
-        break;
-    default:
-        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
     return TAV_HTTP_ERROR_CODE_OK;
 }
 
-// Ids 901 to 909.
-static uint32_t _set_callback(http_session* session, uint32_t option, va_list arguments) {
-    switch (option) {
-    case TAV_HTTP_OPTION_CONNECTING_CALLBACK:
-        session->connecting_cb = va_arg(arguments, connecting_callback);
-        break;
-    case TAV_HTTP_OPTION_CONNECTED_CALLBACK:
-        session->connected_cb = va_arg(arguments, connected_callback);
-        break;
-    case TAV_HTTP_OPTION_DOWNLOAD_START_CALLBACK:
-        session->download_start_cb = va_arg(arguments, download_start_callback);
-        break;
-    case TAV_HTTP_OPTION_REDIRECT_CALLBACK:
-        session->redirect_cb = va_arg(arguments, redirect_callback);
-        break;
-    case TAV_HTTP_OPTION_DOWNLOAD_DATA_CALLBACK:
-        session->download_data_cb = va_arg(arguments, download_data_callback);
-        break;
-    case TAV_HTTP_OPTION_COMPLETE_CALLBACK:
-        session->complete_cb = va_arg(arguments, complete_callback);
-        break;
-    case TAV_HTTP_OPTION_UPLOAD_PROGRESS_CALLBACK:
-        session->upload_progress_cb = va_arg(arguments, upload_progress_callback);
-        break;
-    case TAV_HTTP_OPTION_RESPONSE_HEADER_CALLBACK:
-        session->response_header_cb = va_arg(arguments, response_header_callback);
-        break;
-    default:
-        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
+static uint32_t _set_option(http_session* session, uint32_t option, va_list* arguments) {
+    for (const option_setter& setter : SETTERS) {
+        if (setter.id == option) {
+            return setter.set(session->options, arguments);
+        }
     }
-    return TAV_HTTP_ERROR_CODE_OK;
-}
-
-// The list is used up by exactly one group.
-static uint32_t _set_option(http_session* session, uint32_t option, va_list arguments) {
-    http_options* options = session->options;
-    if (option >= TAV_HTTP_OPTION_CONNECTING_CALLBACK) {
-        return _set_callback(session, option, arguments);
+    uint32_t result = TAV_HTTP_ERROR_CODE_INVALID_ARG;
+    for (const option_row& row : ROWS) {
+        if (row.id == option) {
+            result = _store_value(session, &row, arguments);
+        }
     }
-    if (option >= TAV_HTTP_OPTION_PRIORITY) {
-        return _set_queue_option(options, option, arguments);
-    }
-    if (option >= TAV_HTTP_OPTION_ADD_HEADER) {
-        return _set_body_option(options, option, arguments);
-    }
-    if (option >= TAV_HTTP_OPTION_DOWNLOAD_FILE && option <= TAV_HTTP_OPTION_CACHE_CONTROL) {
-        return _set_head_option(options, option, arguments);
-    }
-    return _set_flow_option(options, option, arguments);
+    return result;
 }
 
 uint32_t tavHTTPSetOption(http_session* session, uint32_t option, ...) {
@@ -460,7 +396,7 @@ uint32_t tavHTTPSetOption(http_session* session, uint32_t option, ...) {
 
     va_list arguments;
     va_start(arguments, option);
-    uint32_t result = _set_option(session, option, arguments);
+    uint32_t result = _set_option(session, option, &arguments);
     va_end(arguments);
     return result;
 }

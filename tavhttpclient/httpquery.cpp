@@ -136,39 +136,14 @@ static uint32_t _query_header_all(http_response* response, const char* name, cha
 
 // ------------------------------------------------------------------------------ other queries
 
-static uint32_t _put_uint32(void* output, uint32_t value) {
-    if (output != nullptr) {
-        *(uint32_t*)output = value;
-    }
-    return TAV_HTTP_ERROR_CODE_OK;
-}
-
-static uint32_t _put_int64(void* output, int64_t value) {
-    if (output != nullptr) {
-        *(int64_t*)output = value;
-    }
-    return TAV_HTTP_ERROR_CODE_OK;
-}
-
-static uint32_t _put_uint64(void* output, uint64_t value) {
-    if (output != nullptr) {
-        *(uint64_t*)output = value;
-    }
-    return TAV_HTTP_ERROR_CODE_OK;
-}
-
-static uint32_t _put_text(void* output, const char* value) {
-    if (output != nullptr) {
-        *(const char**)output = value;
-    }
-    return TAV_HTTP_ERROR_CODE_OK;
-}
-
 static uint32_t _query_memory_body(http_response* response, void* out1, void* out2) {
     if (out2 != nullptr) {
         *(int32_t*)out2 = response->memory_body.length;
     }
-    return _put_text(out1, response->memory_body.data);
+    if (out1 != nullptr) {
+        *(const char**)out1 = response->memory_body.data;
+    }
+    return TAV_HTTP_ERROR_CODE_OK;
 }
 
 static uint32_t _query_md5(http_response* response, void* output) {
@@ -179,62 +154,6 @@ static uint32_t _query_md5(http_response* response, void* output) {
     return TAV_HTTP_ERROR_CODE_OK;
 }
 
-static uint32_t _query_response(http_response* response, uint32_t query, void* out1, void* out2,
-                                int32_t* length) {
-    switch (query) {
-    case TAV_HTTP_QUERY_STATUS_CODE:
-        return _put_uint32(out1, response->status_code);
-    case TAV_HTTP_QUERY_STATUS_TEXT:
-        return _put_text(out1, response->status_text);
-    case TAV_HTTP_QUERY_MEMORY_BODY:
-        return _query_memory_body(response, out1, out2);
-    case TAV_HTTP_QUERY_FILE_PATH:
-        return _put_text(out1, response->file_path);
-    case TAV_HTTP_QUERY_7:
-        return _put_int64(out1, response->unset_time);
-    case TAV_HTTP_QUERY_SET_COOKIE:
-        return _put_text(out1, response->set_cookie.data);
-    case TAV_HTTP_QUERY_RAW_HEADERS:
-        return _query_raw_headers(response, (char*)out1, (int32_t*)out2);
-    case TAV_HTTP_QUERY_CONTENT_LENGTH:
-        return _put_uint64(out1, response->content_length);
-    case TAV_HTTP_QUERY_RANGE_START:
-        return _put_int64(out1, response->range_start);
-    case TAV_HTTP_QUERY_RANGE_END:
-        return _put_int64(out1, response->range_end);
-    case TAV_HTTP_QUERY_RANGE_TOTAL:
-        return _put_int64(out1, response->range_total);
-    case TAV_HTTP_QUERY_LAST_MODIFIED:
-        return _put_int64(out1, response->last_modified);
-    case TAV_HTTP_QUERY_ETAG:
-        return _put_text(out1, response->etag);
-    case TAV_HTTP_QUERY_HEADER:
-        return _query_header(response, (const char*)out1, (char*)out2, length);
-    case TAV_HTTP_QUERY_BODY_BYTES:
-        return _put_uint64(out1, response->body_bytes);
-    case TAV_HTTP_QUERY_CONTENT_ENCODING:
-        return _put_uint32(out1, response->content_encoding);
-    case TAV_HTTP_QUERY_BODY_MD5:
-        return _query_md5(response, out1);
-    case TAV_HTTP_QUERY_HEADER_ALL:
-        return _query_header_all(response, (const char*)out1, (char*)out2, length);
-    default:
-        return TAV_HTTP_ERROR_CODE_INVALID_ARG;
-    }
-}
-
-// Ids 3, 4 and 12.
-static uint32_t _query_options(const http_options* options, uint32_t query, void* out1) {
-    if (options == nullptr) {
-        return TAV_HTTP_ERROR_CODE_QUERY_INFO_NOT_AVAILABLE;
-    }
-    if (query == TAV_HTTP_QUERY_URL) {
-        return _put_text(out1, options->url);
-    }
-    return _put_int64(out1, query == TAV_HTTP_QUERY_OPTION_RANGE_START ? options->range_start
-                                                                       : options->range_end);
-}
-
 static uint32_t _query_peer_address(const http_session* session, void* output) {
     if (output == nullptr) {
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
@@ -243,26 +162,81 @@ static uint32_t _query_peer_address(const http_session* session, void* output) {
     return TAV_HTTP_ERROR_CODE_OK;
 }
 
+// The queries that copy one field, of `size` bytes, to out1.
+struct query_row {
+    uint32_t id;
+    size_t record;  // where the session has its pointer to the record
+    size_t place;   // in the record
+    size_t size;
+};
+
+#define FIELD(member, record, field)                                                               \
+    offsetof(http_session, member), offsetof(record, field), sizeof(((record*)nullptr)->field)
+#define IN_OPTIONS(field) FIELD(options, http_options, field)
+#define IN_REQUEST(field) FIELD(request, http_request, field)
+#define IN_RESPONSE(field) FIELD(response, http_response, field)
+
+static const query_row ROWS[] = {
+    {TAV_HTTP_QUERY_STATUS_CODE, IN_RESPONSE(status_code)},
+    {TAV_HTTP_QUERY_STATUS_TEXT, IN_RESPONSE(status_text)},
+    {TAV_HTTP_QUERY_OPTION_RANGE_START, IN_OPTIONS(range_start)},
+    {TAV_HTTP_QUERY_OPTION_RANGE_END, IN_OPTIONS(range_end)},
+    {TAV_HTTP_QUERY_FILE_PATH, IN_RESPONSE(file_path)},
+    {TAV_HTTP_QUERY_7, IN_RESPONSE(unset_time)},
+    {TAV_HTTP_QUERY_SET_COOKIE, IN_RESPONSE(set_cookie.data)},
+    {TAV_HTTP_QUERY_CONTENT_LENGTH, IN_RESPONSE(content_length)},
+    {TAV_HTTP_QUERY_URL, IN_OPTIONS(url)},
+    {TAV_HTTP_QUERY_CURRENT_URL, IN_REQUEST(url)},
+    {TAV_HTTP_QUERY_RANGE_START, IN_RESPONSE(range_start)},
+    {TAV_HTTP_QUERY_RANGE_END, IN_RESPONSE(range_end)},
+    {TAV_HTTP_QUERY_RANGE_TOTAL, IN_RESPONSE(range_total)},
+    {TAV_HTTP_QUERY_LAST_MODIFIED, IN_RESPONSE(last_modified)},
+    {TAV_HTTP_QUERY_ETAG, IN_RESPONSE(etag)},
+    {TAV_HTTP_QUERY_BODY_BYTES, IN_RESPONSE(body_bytes)},
+    {TAV_HTTP_QUERY_CONTENT_ENCODING, IN_RESPONSE(content_encoding)},
+};
+
+static uint32_t _query_field(const http_session* session, const query_row* row, void* output) {
+    const char* record = nullptr;
+    memcpy(&record, (const char*)session + row->record, sizeof(record));
+    if (record == nullptr) {
+        return TAV_HTTP_ERROR_CODE_QUERY_INFO_NOT_AVAILABLE;
+    }
+    if (output != nullptr) {
+        memcpy(output, record + row->place, row->size);
+    }
+    return TAV_HTTP_ERROR_CODE_OK;
+}
+
+static uint32_t _query_response(http_response* response, uint32_t query, void* out1, void* out2,
+                                int32_t* length) {
+    switch (query) {
+    case TAV_HTTP_QUERY_MEMORY_BODY:
+        return _query_memory_body(response, out1, out2);
+    case TAV_HTTP_QUERY_RAW_HEADERS:
+        return _query_raw_headers(response, (char*)out1, (int32_t*)out2);
+    case TAV_HTTP_QUERY_HEADER:
+        return _query_header(response, (const char*)out1, (char*)out2, length);
+    case TAV_HTTP_QUERY_BODY_MD5:
+        return _query_md5(response, out1);
+    default:
+        return _query_header_all(response, (const char*)out1, (char*)out2, length);
+    }
+}
+
 uint32_t tavHTTPQueryInfo(http_session* session, uint32_t query, void* out1, void* out2,
                           int32_t* length) {
     if (session == nullptr || query < TAV_HTTP_QUERY_STATUS_CODE ||
         query > TAV_HTTP_QUERY_HEADER_ALL || query == 9) {
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
-    switch (query) {
-    case TAV_HTTP_QUERY_OPTION_RANGE_START:
-    case TAV_HTTP_QUERY_OPTION_RANGE_END:
-    case TAV_HTTP_QUERY_URL:
-        return _query_options(session->options, query, out1);
-    case TAV_HTTP_QUERY_CURRENT_URL:
-        if (session->request == nullptr) {
-            return TAV_HTTP_ERROR_CODE_QUERY_INFO_NOT_AVAILABLE;
-        }
-        return _put_text(out1, session->request->url);
-    case TAV_HTTP_QUERY_PEER_ADDRESS:
+    if (query == TAV_HTTP_QUERY_PEER_ADDRESS) {
         return _query_peer_address(session, out1);
-    default:
-        break;
+    }
+    for (const query_row& row : ROWS) {
+        if (row.id == query) {
+            return _query_field(session, &row, out1);
+        }
     }
     if (session->response == nullptr) {
         return TAV_HTTP_ERROR_CODE_QUERY_INFO_NOT_AVAILABLE;

@@ -17,8 +17,10 @@
 #include "tavhttpclient/settings.h"
 #include "tavhttpclient/uvhelper.h"
 
-static const uint64_t LARGE_DOWNLOAD_BYTES = 2000000;
-static const uint64_t TIMER_PERIOD = 1000;  // ms
+enum {
+    LARGE_DOWNLOAD_BYTES = 2000000,
+    TIMER_PERIOD = 1000  // ms
+};
 
 // Set at loop start, cleared when the stop begins. Loop thread only.
 static task_mgr* default_task_mgr = nullptr;
@@ -35,11 +37,8 @@ static int32_t list_count(const task_list* list) {
 }
 
 static void _unlink_task(http_task* task) {
-    if (task->list != nullptr) {
-        task->list->count--;
-        task->list = nullptr;
-        list_unlink(&task->link);
-    }
+    task->list->count--;
+    list_unlink(&task->link);
 }
 
 static void _append_task(task_list* list, http_task* task) {
@@ -54,11 +53,14 @@ static void _insert_task_front(task_list* list, http_task* task) {
     list->count++;
 }
 
+static bool _is_kind_idle(const task_kind* kind) {
+    return list_count(&kind->queues[QUEUE_HIGH]) == 0 &&
+           list_count(&kind->queues[QUEUE_NORMAL]) == 0 &&
+           list_count(&kind->queues[QUEUE_LOW]) == 0 && list_count(&kind->running) == 0;
+}
+
 static bool _is_task_mgr_idle(const task_mgr* mgr) {
-    return list_count(&mgr->upload_high) == 0 && list_count(&mgr->upload_normal) == 0 &&
-           list_count(&mgr->upload_low) == 0 && list_count(&mgr->upload_running) == 0 &&
-           list_count(&mgr->download_high) == 0 && list_count(&mgr->download_normal) == 0 &&
-           list_count(&mgr->download_low) == 0 && list_count(&mgr->download_running) == 0;
+    return _is_kind_idle(&mgr->kinds[KIND_UPLOAD]) && _is_kind_idle(&mgr->kinds[KIND_DOWNLOAD]);
 }
 
 // ------------------------------------------------------------------------------------ scheduling
@@ -91,28 +93,27 @@ static void _run_tasks(task_list* queue, task_list* running, int32_t limit) {
 }
 
 // High priority whatever runs; low priority only when nothing of normal priority waits.
-static void _schedule_kind(task_list* high, task_list* normal, task_list* low, task_list* running,
-                           int32_t limit) {
-    _run_tasks(high, running, INT32_MAX);
-    _run_tasks(normal, running, limit);
-    if (list_count(normal) == 0) {
-        _run_tasks(low, running, limit);
+static void _schedule_kind(task_kind* kind, int32_t limit) {
+    _run_tasks(&kind->queues[QUEUE_HIGH], &kind->running, INT32_MAX);
+    _run_tasks(&kind->queues[QUEUE_NORMAL], &kind->running, limit);
+    if (list_count(&kind->queues[QUEUE_NORMAL]) == 0) {
+        _run_tasks(&kind->queues[QUEUE_LOW], &kind->running, limit);
     }
 }
 
 static void _schedule_task(task_mgr* mgr) {
+    task_kind* download = &mgr->kinds[KIND_DOWNLOAD];
+    task_kind* upload = &mgr->kinds[KIND_UPLOAD];
     LOG_INFO("_schedule_task:\nmax-running-count=%d\n"
              "download: running=%d, high=%d, normal=%d, low=%d\n"
              "upload: running=%d, high=%d, normal=%d, low=%d",
-             mgr->max_running_count, list_count(&mgr->download_running),
-             list_count(&mgr->download_high), list_count(&mgr->download_normal),
-             list_count(&mgr->download_low), list_count(&mgr->upload_running),
-             list_count(&mgr->upload_high), list_count(&mgr->upload_normal),
-             list_count(&mgr->upload_low));
-    _schedule_kind(&mgr->download_high, &mgr->download_normal, &mgr->download_low,
-                   &mgr->download_running, mgr->max_running_count);
-    _schedule_kind(&mgr->upload_high, &mgr->upload_normal, &mgr->upload_low, &mgr->upload_running,
-                   mgr->max_running_count);
+             mgr->max_running_count, list_count(&download->running),
+             list_count(&download->queues[QUEUE_HIGH]), list_count(&download->queues[QUEUE_NORMAL]),
+             list_count(&download->queues[QUEUE_LOW]), list_count(&upload->running),
+             list_count(&upload->queues[QUEUE_HIGH]), list_count(&upload->queues[QUEUE_NORMAL]),
+             list_count(&upload->queues[QUEUE_LOW]));
+    _schedule_kind(download, mgr->max_running_count);
+    _schedule_kind(upload, mgr->max_running_count);
 }
 
 // Loop thread. From _add_http_task, on a later turn. The manager may have stopped and gone by now.
@@ -180,7 +181,7 @@ static void _on_task_mgr_timer(uv_timer_t* timer) {
         return;
     }
     mgr->max_running_count = (int32_t)config_max_running_count();
-    _adjust_task_priority(&mgr->download_running, mgr->max_running_count);
+    _adjust_task_priority(&mgr->kinds[KIND_DOWNLOAD].running, mgr->max_running_count);
 }
 
 // ------------------------------------------------------------------------------ creation, start
@@ -191,14 +192,12 @@ task_mgr* create_task_mgr(void) {
         return nullptr;
     }
     mgr->max_running_count = (int32_t)config_max_running_count();
-    _init_list(&mgr->upload_high);
-    _init_list(&mgr->upload_normal);
-    _init_list(&mgr->upload_low);
-    _init_list(&mgr->upload_running);
-    _init_list(&mgr->download_high);
-    _init_list(&mgr->download_normal);
-    _init_list(&mgr->download_low);
-    _init_list(&mgr->download_running);
+    for (task_kind& kind : mgr->kinds) {
+        for (task_list& queue : kind.queues) {
+            _init_list(&queue);
+        }
+        _init_list(&kind.running);
+    }
     return mgr;
 }
 
@@ -266,11 +265,12 @@ static void _insert_task_to_mgr(task_mgr* mgr, http_task* task) {
     LOG_ASSERT(is_loop_thread());
     const http_options* options = task->session->options;
     bool upload = options->method == TAV_HTTP_METHOD_POST;
-    task_list* queue = upload ? &mgr->upload_normal : &mgr->download_normal;
+    task->kind = &mgr->kinds[upload ? KIND_UPLOAD : KIND_DOWNLOAD];
+    task_list* queue = &task->kind->queues[QUEUE_NORMAL];
     if (task->priority == TASK_PRIORITY_HIGH) {
-        queue = upload ? &mgr->upload_high : &mgr->download_high;
+        queue = &task->kind->queues[QUEUE_HIGH];
     } else if (task->priority == TASK_PRIORITY_LOW) {
-        queue = upload ? &mgr->upload_low : &mgr->download_low;
+        queue = &task->kind->queues[QUEUE_LOW];
     }
     if (options->queue_fifo != 0) {
         _append_task(queue, task);
@@ -335,7 +335,8 @@ bool add_task_default(http_session* session) {
         options->priority = TASK_PRIORITY_NORMAL;
     }
     session->running_priority = options->priority;
-    if (!LOG_ASSERT(_add_http_task(options->priority, session))) {
+    bool added = _add_http_task(options->priority, session);
+    if (!LOG_ASSERT(added)) {
         LOG_ERROR("add_task_default, _add_http_task failed, sid=%d.", (int32_t)session->id);
         // Neither queued nor started: the host is told rather than left waiting.
         _notify_download_complete(session, TAV_HTTP_ERROR_CODE_FAIL_OTHER);
@@ -343,27 +344,10 @@ bool add_task_default(http_session* session) {
     return true;
 }
 
-static task_list* _running_list_of(http_task* task) {
-    task_mgr* mgr = task->mgr;
-    if (task->list == &mgr->upload_high || task->list == &mgr->upload_normal ||
-        task->list == &mgr->upload_low) {
-        return &mgr->upload_running;
-    }
-    if (task->list == &mgr->download_high || task->list == &mgr->download_normal ||
-        task->list == &mgr->download_low) {
-        return &mgr->download_running;
-    }
-    return nullptr;  // It runs already.
-}
-
 void expedite_cancelled_task(void* argument) {
     http_task* task = (http_task*)argument;
-    if (task == nullptr || task->session == nullptr) {
-        return;
-    }
-    task_list* running = _running_list_of(task);
-    if (running != nullptr) {
-        _run_task(task, running, true);
+    if (task != nullptr && task->session != nullptr && task->list != &task->kind->running) {
+        _run_task(task, &task->kind->running, true);
     }
 }
 
@@ -384,7 +368,8 @@ static void _on_task_mgr_stopped(void* argument) {
 }
 
 static void _finish_stop(task_mgr* mgr) {
-    if (!LOG_ASSERT(async_run(_on_task_mgr_stopped, mgr))) {
+    bool deferred = async_run(_on_task_mgr_stopped, mgr);
+    if (!LOG_ASSERT(deferred)) {
         _on_task_mgr_stopped(mgr);
     }
 }
@@ -412,7 +397,8 @@ static void _on_after_download_complete_callback(void* argument) {
     }
     if (!_is_task_mgr_idle(mgr)) {
         LOG_INFO("task mgr, stopping, download_alive=%d, upload_alive=%d",
-                 list_count(&mgr->download_running), list_count(&mgr->upload_running));
+                 list_count(&mgr->kinds[KIND_DOWNLOAD].running),
+                 list_count(&mgr->kinds[KIND_UPLOAD].running));
         return;
     }
     _finish_stop(mgr);
@@ -433,11 +419,11 @@ static void _cancel_all_pending_task(task_list* queue, task_list* running) {
     }
 }
 
-static void _cancel_kind(task_list* high, task_list* normal, task_list* low, task_list* running) {
-    _cancel_all_running_task(running);
-    _cancel_all_pending_task(high, running);
-    _cancel_all_pending_task(normal, running);
-    _cancel_all_pending_task(low, running);
+static void _cancel_kind(task_kind* kind) {
+    _cancel_all_running_task(&kind->running);
+    for (task_list& queue : kind->queues) {
+        _cancel_all_pending_task(&queue, &kind->running);
+    }
 }
 
 static bool _start_stop_task_mgr(task_mgr* mgr, void* argument) {
@@ -456,9 +442,8 @@ static bool _start_stop_task_mgr(task_mgr* mgr, void* argument) {
     LOG_ASSERT(is_loop_thread());
     close_uv_timer(&mgr->timer);
     mgr->cancelling = 1;
-    _cancel_kind(&mgr->upload_high, &mgr->upload_normal, &mgr->upload_low, &mgr->upload_running);
-    _cancel_kind(&mgr->download_high, &mgr->download_normal, &mgr->download_low,
-                 &mgr->download_running);
+    _cancel_kind(&mgr->kinds[KIND_UPLOAD]);
+    _cancel_kind(&mgr->kinds[KIND_DOWNLOAD]);
     mgr->cancelling = 0;
     if (_is_task_mgr_idle(mgr)) {
         LOG_INFO("_start_stop_task_mgr, idle, notify result.");
@@ -470,9 +455,6 @@ static bool _start_stop_task_mgr(task_mgr* mgr, void* argument) {
 bool start_stop_default_task_mgr(void* argument) {
     task_mgr* mgr = default_task_mgr;
     default_task_mgr = nullptr;
-    if (mgr == nullptr) {
-        return false;
-    }
-    LOG_ASSERT(_start_stop_task_mgr(mgr, argument));
-    return true;
+    bool begun = _start_stop_task_mgr(mgr, argument);
+    return LOG_ASSERT(begun);
 }

@@ -10,9 +10,23 @@
 #include "tavhttpclient/tavhttpclient.h"
 
 enum {
-    TASK_PRIORITY_LOW = 100,
-    TASK_PRIORITY_NORMAL = 1000,
-    TASK_PRIORITY_HIGH = 10000
+    TASK_PRIORITY_LOW = TAV_HTTP_PRIORITY_LOW,
+    TASK_PRIORITY_NORMAL = TAV_HTTP_PRIORITY_NORMAL,
+    TASK_PRIORITY_HIGH = TAV_HTTP_PRIORITY_HIGH
+};
+
+// The queues of one kind, in the order in which they are served.
+enum {
+    QUEUE_HIGH,
+    QUEUE_NORMAL,
+    QUEUE_LOW,
+    QUEUE_COUNT
+};
+
+enum {
+    KIND_UPLOAD,
+    KIND_DOWNLOAD,
+    KIND_COUNT
 };
 
 struct task_mgr;
@@ -23,14 +37,20 @@ struct task_list {
     int32_t count;
 };
 
+struct task_kind {
+    task_list queues[QUEUE_COUNT];
+    task_list running;
+};
+
 // One queued or running session.
 struct http_task {
     list_link link;
     task_mgr* mgr;
     int32_t priority;
     http_session* session;  // null once its completion is being reported
-    uint32_t add_time;      // tick count, ms
-    task_list* list;        // where `link` is; null: nowhere
+    uint32_t add_time;      // tick count, ms; unread
+    task_kind* kind;
+    task_list* list;  // where `link` is
 };
 LIST_ENTRY_CHECK(http_task);
 
@@ -42,14 +62,7 @@ struct task_stop_request {
 
 struct task_mgr {
     int32_t max_running_count;  // per kind
-    task_list upload_high;
-    task_list upload_normal;
-    task_list upload_low;
-    task_list upload_running;
-    task_list download_high;
-    task_list download_normal;
-    task_list download_low;
-    task_list download_running;
+    task_kind kinds[KIND_COUNT];
     uint8_t started;
     uint8_t stopping;
     uint8_t cancelling;  // the stop is still going through the lists: nothing may end it yet
