@@ -185,11 +185,9 @@ uint32_t tavHTTPClose(http_session* session) {
     if (session == nullptr) {
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
-    // Before the hand-over, behind which the session may be gone: from here on no callback starts.
-    session->closed.store(1, std::memory_order_release);
-    if (async_run_safe_or_drop(_on_async_free_session, session, _on_async_free_session)) {
-        return TAV_HTTP_ERROR_CODE_FAIL_START_ASYNC;
-    }
-    session->closed.store(0, std::memory_order_release);
-    return TAV_HTTP_ERROR_CODE_OK;
+    // `closed` is set with the hand-over, behind which the session may be gone, and not at all
+    // without it: a session that is kept still has its completion to come.
+    bool accepted = async_run_safe_or_drop(_on_async_free_session, session, _on_async_free_session,
+                                           &session->closed);
+    return accepted ? TAV_HTTP_ERROR_CODE_FAIL_START_ASYNC : TAV_HTTP_ERROR_CODE_OK;
 }

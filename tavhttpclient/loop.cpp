@@ -33,6 +33,7 @@ struct queued_call {
     void* argument;
     loop_function function;
     loop_function on_drop;
+    std::atomic<uint8_t>* accepted;  // 1 while the call is queued and ever after; null: nobody asks
 };
 LIST_ENTRY_CHECK(queued_call);
 
@@ -172,6 +173,12 @@ bool async_run(loop_function function, void* argument) {
     return true;
 }
 
+static void _set_accepted(queued_call* call, uint8_t value) {
+    if (call->accepted != nullptr) {
+        call->accepted->store(value, std::memory_order_release);
+    }
+}
+
 // Takes the call back; false when the loop thread has it already.
 static bool _unqueue_call(event_loop* loop, queued_call* call) {
     bool queued = false;
@@ -181,6 +188,7 @@ static bool _unqueue_call(event_loop* loop, queued_call* call) {
     }
     if (queued) {
         list_unlink(&call->link);
+        _set_accepted(call, 0);
     }
     uv_mutex_unlock(&loop->queue_mutex);
     return queued;
@@ -189,6 +197,7 @@ static bool _unqueue_call(event_loop* loop, queued_call* call) {
 // Under loop_lock (read).
 static bool _queue_call(event_loop* loop, queued_call* call) {
     uv_mutex_lock(&loop->queue_mutex);
+    _set_accepted(call, 1);
     list_insert_front(&loop->queue, &call->link);
     loop->has_calls.store(1);
     uv_mutex_unlock(&loop->queue_mutex);
@@ -199,7 +208,8 @@ static bool _queue_call(event_loop* loop, queued_call* call) {
     return uv_async_send(loop->run_async) == 0 || !_unqueue_call(loop, call);
 }
 
-bool async_run_safe_or_drop(loop_function function, void* argument, loop_function on_drop) {
+bool async_run_safe_or_drop(loop_function function, void* argument, loop_function on_drop,
+                            std::atomic<uint8_t>* accepted) {
     if (current_loop.load(std::memory_order_acquire) == nullptr) {
         return false;
     }
@@ -210,6 +220,7 @@ bool async_run_safe_or_drop(loop_function function, void* argument, loop_functio
     call->argument = argument;
     call->function = function;
     call->on_drop = on_drop;
+    call->accepted = accepted;
 
     // A loop that was there has its lock.
     uv_rwlock_rdlock(&loop_lock);
@@ -223,7 +234,7 @@ bool async_run_safe_or_drop(loop_function function, void* argument, loop_functio
 }
 
 bool async_run_safe(loop_function function, void* argument) {
-    return async_run_safe_or_drop(function, argument, nullptr);
+    return async_run_safe_or_drop(function, argument, nullptr, nullptr);
 }
 
 // Loop thread. From async_run_safe; one wake-up may serve many calls.

@@ -63,8 +63,10 @@ bool async_run(loop_function function, void* argument);
 // queued, the caller still owns `argument`. A call that is still queued when the stop empties the
 // queue is dropped.
 bool async_run_safe(loop_function function, void* argument);
-// The same, but a dropped call runs `on_drop(argument)` on the loop thread instead.
-bool async_run_safe_or_drop(loop_function function, void* argument, loop_function on_drop);
+// The same, but a dropped call runs `on_drop(argument)` on the loop thread instead, and `accepted`
+// is 1 before either can run, if and only if this returns true.
+bool async_run_safe_or_drop(loop_function function, void* argument, loop_function on_drop,
+                            std::atomic<uint8_t>* accepted);
 
 // Runs the calls that async_run_safe queued so far. Loop thread.
 void run_queued_calls(event_loop* loop);
