@@ -7,8 +7,10 @@
 #include "tavhttpclient/cookiemgr.h"
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httprequest.h"
+#include "tavhttpclient/httprequest_head.h"
 #include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/httpsession.h"
+#include "tavhttpclient/message_parser.h"
 
 namespace {
 
@@ -54,8 +56,7 @@ const std::string response_head =
 void parse(benchmark::State& state, const std::string& message) {
     idle_session idle;
     for (auto _ : state) {
-        auto* response = static_cast<http_response*>(std::calloc(1, sizeof(http_response)));
-        response->session = idle.session;
+        http_response* response = new_http_response(idle.session);
         bool ok = parse_response_message(response, message.data(),
                                          static_cast<std::uint32_t>(message.size()));
         if (!ok || response->recv_state != RECV_COMPLETE) {

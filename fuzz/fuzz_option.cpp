@@ -4,7 +4,9 @@
 
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httprequest.h"
+#include "tavhttpclient/httprequest_items.h"
 #include "tavhttpclient/httpsession.h"
+#include "tavhttpclient/upload_item.h"
 
 namespace {
 

@@ -10,7 +10,9 @@
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httprequest.h"
 #include "tavhttpclient/httpresponse.h"
+#include "tavhttpclient/httpresponse_body.h"
 #include "tavhttpclient/httpsession.h"
+#include "tavhttpclient/message_parser.h"
 
 namespace {
 
@@ -54,8 +56,7 @@ http_session* make_session(uint8_t flags) {
         tavHTTPSetOption(session, TAV_HTTP_OPTION_DOWNLOAD_DATA_CALLBACK, on_data);
     }
     string_replace(&session->request->url, options->url);
-    session->response = static_cast<http_response*>(calloc(1, sizeof(http_response)));
-    session->response->session = session;
+    session->response = new_http_response(session);
     return session;
 }
 

@@ -5,10 +5,9 @@
 #include <string.h>
 
 #include "platform/win_text.h"
-#include "tavhttpclient/httprequest.h"
-#include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/session_record.h"
 #include "tavhttpclient/settings.h"
+#include "tavhttpclient/upload_item.h"
 
 enum {
     FORMATTED_VALUE_CAPACITY = 128

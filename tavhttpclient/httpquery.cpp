@@ -6,8 +6,8 @@
 
 #include "platform/win_text.h"
 #include "tavhttpclient/httpoption.h"
-#include "tavhttpclient/httprequest.h"
-#include "tavhttpclient/httpresponse.h"
+#include "tavhttpclient/request_record.h"
+#include "tavhttpclient/response_record.h"
 #include "tavhttpclient/session_record.h"
 
 enum {

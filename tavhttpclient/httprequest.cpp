@@ -18,9 +18,15 @@
 #include "platform/win_file.h"
 #include "tavhttpclient/fs.h"
 #include "tavhttpclient/httpconnect.h"
+#include "tavhttpclient/httprequest_items.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
 #include "tavhttpclient/session_record.h"
+#include "tavhttpclient/upload_item.h"
+
+enum {
+    UPLOAD_CHUNK_SIZE = 16384
+};
 
 // One preparation on the worker pool; `work.data` is the session.
 struct init_upload_work {
@@ -35,25 +41,6 @@ static void _send_form_item_tailer(http_session* session);
 static void _finish_upload_item(http_session* session);
 
 // ------------------------------------------------------------------------------ records
-
-void free_upload_item(upload_item* item) {
-    if (item == nullptr) {
-        return;
-    }
-    // The worker that prepares a request may free items too; there the file is closed at once.
-    if (item->file != nullptr && !(is_loop_thread() && tavhttp_async_close(item->file))) {
-        tavhttp_fclose(item->file);
-    }
-    free(item->name);
-    free(item->file_name);
-    free(item->data_file_name);
-    free(item->form_path);
-    text_buffer_release(&item->part_header);
-    text_buffer_release(&item->part_tailer);
-    text_buffer_release(&item->form_value);
-    text_buffer_release(&item->form_data);
-    free(item);
-}
 
 static void _free_upload_items(http_request* request) {
     list_link* head = &request->upload_item_list;
@@ -114,8 +101,7 @@ static upload_item* _first_item(http_request* request) {
     return (upload_item*)request->upload_item_list.next;
 }
 
-// ------------------------------------------------------------------------------ shared by all
-// steps
+// ------------------------------------------------------------------------ shared by all steps
 
 static void _notify_send_request_result(http_session* session, uint32_t code) {
     if (!LOG_ASSERT(session != nullptr)) {

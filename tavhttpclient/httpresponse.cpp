@@ -15,15 +15,16 @@
 #include "tavhttpclient/fs.h"
 #include "tavhttpclient/httpconnect.h"
 #include "tavhttpclient/httpoption.h"
-#include "tavhttpclient/httprequest.h"
+#include "tavhttpclient/httpresponse_body.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
+#include "tavhttpclient/message_parser.h"
+#include "tavhttpclient/request_record.h"
 #include "tavhttpclient/session_record.h"
 
 enum {
-    MAX_SPARE_BUFFERS = 8,
-    STATUS_NOT_MODIFIED = 304,
-    STATUS_RANGE_NOT_SATISFIABLE = 416
+    RECV_BUFFER_SIZE = 32768,
+    MAX_SPARE_BUFFERS = 8
 };
 
 static uint32_t _start_recv_response(http_session* session);
@@ -32,6 +33,18 @@ static void _notify_recv_response_result(http_session* session, uint32_t err);
 static void _finish_recv_response(http_session* session);
 
 // ---------------------------------------------------------------------------------- the record
+
+http_response* new_http_response(http_session* session) {
+    http_response* response = (http_response*)calloc(1, sizeof(http_response));
+    if (response == nullptr) {
+        return nullptr;
+    }
+    response->session = session;
+    response->session_id = session->id;
+    response->request_url = session->request->url;
+    response->keep_undecoded_body = session->options->keep_undecoded_body != 0 ? 1 : 0;
+    return response;
+}
 
 static void _free_header_list(http_response* response) {
     if (response->header_list == nullptr) {
@@ -75,18 +88,13 @@ void free_http_response(http_response* response) {
     text_buffer_release(&response->recv_buffer);
     text_buffer_release(&response->body_chunk);
     text_buffer_release(&response->memory_body);
-    EVP_MD_CTX_free(response->md5_context);
+    free_body_md5(response);
     release_content_decoder(&response->decoder);
     free_response_parser(response->parser);
     if (response->recv_file_id != nullptr) {
         _close_file_of_freed_response(response->recv_file_id);
     }
     free(response);
-}
-
-bool is_body_wanted(http_session* session) {
-    uint32_t status = session->response->status_code;
-    return status == 200 || status == 206 || session->options->keep_error_body != 0;
 }
 
 // -------------------------------------------------------------------------- receive buffers
@@ -139,11 +147,10 @@ uint32_t http_recv_response(http_session* session) {
         return TAV_HTTP_ERROR_CODE_FAIL_OTHER;
     }
     free_http_response(session->response);
-    session->response = (http_response*)calloc(1, sizeof(http_response));
+    session->response = new_http_response(session);
     if (session->response == nullptr) {
         return TAV_HTTP_ERROR_CODE_OUT_OF_MEMORY;
     }
-    session->response->session = session;
     session->on_recv_result = _on_http_recv_response_result;
 
     uint32_t err = _start_recv_response(session);
@@ -255,7 +262,7 @@ static bool _is_body_skipped(const http_session* session) {
     if (is_redirect_status(status) && session->options->no_redirect == 0) {
         return true;
     }
-    return status == STATUS_NOT_MODIFIED || status == STATUS_RANGE_NOT_SATISFIABLE;
+    return status == HTTP_STATUS_NOT_MODIFIED || status == HTTP_STATUS_RANGE_NOT_SATISFIABLE;
 }
 
 static void _work_write_body(worker_step* req);
@@ -351,7 +358,7 @@ static void _finish_head_response(http_session* session) {
 static void _finish_complete_response(http_session* session) {
     http_response* response = session->response;
     if (!is_redirect_status(response->status_code) &&
-        response->status_code != STATUS_RANGE_NOT_SATISFIABLE) {
+        response->status_code != HTTP_STATUS_RANGE_NOT_SATISFIABLE) {
         LOG_ASSERT_IN("_on_write_body_finish", response->body_chunk.length == 0);
     }
     text_buffer_set_length(&response->body_chunk, 0);

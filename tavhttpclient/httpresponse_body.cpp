@@ -4,22 +4,26 @@
 // write_response_body -> _init_download_target (-> _use_given_path | _use_chosen_path
 //   -> _open_target) -> _report_download_start -> _hand_over_new_bytes
 //   -> _write_to_file | _keep_in_memory
+#include "tavhttpclient/httpresponse_body.h"
+
 #include <errno.h>
+#include <http_parser.h>
+#include <openssl/evp.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "tavhttpclient/fs.h"
 #include "tavhttpclient/httpoption.h"
-#include "tavhttpclient/httprequest.h"
-#include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/log.h"
+#include "tavhttpclient/request_record.h"
+#include "tavhttpclient/response_record.h"
 #include "tavhttpclient/session_record.h"
 
 enum {
+    WRITE_SIZE = 32768,  // a file gets more than this at a time, but for the last bytes
     SUGGESTED_NAME_MAX = 150,
     MEMORY_BODY_MARGIN = 1024,
-    MEMORY_BODY_UNKNOWN = 131072,  // first size without an announced length
-    STATUS_RANGE_NOT_SATISFIABLE = 416
+    MEMORY_BODY_UNKNOWN = 131072  // first size without an announced length
 };
 
 // ----------------------------------------------------------------------------------- the digest
@@ -42,10 +46,18 @@ bool finish_body_md5(http_response* response) {
            EVP_DigestFinal_ex(response->md5_context, response->md5_digest, nullptr) == 1;
 }
 
+void free_body_md5(http_response* response) {
+    EVP_MD_CTX_free(response->md5_context);
+    response->md5_context = nullptr;
+}
+
 // ------------------------------------------------------------------------------ the target file
 
-static bool _has_text(const char* text) {
-    return text != nullptr && text[0] != 0;
+// Status 200 or 206, or the host asked for bodies of every status.
+static bool _is_body_wanted(const http_session* session) {
+    uint32_t status = session->response->status_code;
+    return status == HTTP_STATUS_OK || status == HTTP_STATUS_PARTIAL_CONTENT ||
+           session->options->keep_error_body != 0;
 }
 
 static bool _has_range(const http_request* request) {
@@ -54,7 +66,7 @@ static bool _has_range(const http_request* request) {
 
 // A resumed or ranged download goes on in the host's file itself.
 static bool _is_in_given_place(const http_session* session) {
-    return _has_text(session->options->download_file) &&
+    return !is_empty_text(session->options->download_file) &&
            (session->options->resume != 0 || _has_range(session->request));
 }
 
@@ -97,7 +109,7 @@ static uint32_t _use_given_path(http_session* session) {
 // New text made of the URL's path, or null.
 static char* _suggest_name(http_session* session) {
     const char* path = session->request->path;
-    if (!_has_text(path)) {
+    if (is_empty_text(path)) {
         return nullptr;
     }
     char* name = url_char_escape(path);
@@ -172,7 +184,7 @@ static uint32_t _open_target(http_session* session) {
 static uint32_t _init_download_target(http_session* session) {
     http_response* response = session->response;
     const http_options* options = session->options;
-    bool to_given_path = _has_text(options->download_file);
+    bool to_given_path = !is_empty_text(options->download_file);
     if (session->request->method == TAV_HTTP_METHOD_HEAD ||
         (!to_given_path && options->download_to_file == 0) || response->recv_file_id != nullptr) {
         return TAV_HTTP_ERROR_CODE_OK;
@@ -184,8 +196,8 @@ static uint32_t _init_download_target(http_session* session) {
     _free_paths(response);
     uint32_t err = TAV_HTTP_ERROR_CODE_OK;
     if (to_given_path) {
-        LOG_ASSERT(response->status_code != STATUS_RANGE_NOT_SATISFIABLE);
-        if (!is_body_wanted(session)) {
+        LOG_ASSERT(response->status_code != HTTP_STATUS_RANGE_NOT_SATISFIABLE);
+        if (!_is_body_wanted(session)) {
             return TAV_HTTP_ERROR_CODE_OK;  // to memory
         }
         err = _use_given_path(session);
@@ -257,7 +269,7 @@ static bool _hand_over_new_bytes(http_session* session) {
         (!_start_md5(response) || EVP_DigestUpdate(response->md5_context, bytes, count) != 1)) {
         return false;
     }
-    if (session->download_data_cb != nullptr && is_body_wanted(session) &&
+    if (session->download_data_cb != nullptr && _is_body_wanted(session) &&
         session_may_call_host(session)) {
         position += (uint64_t)session->request->range_start;
         session->download_data_cb(session, session->user_data, position, bytes, count);
@@ -284,7 +296,7 @@ static uint32_t _write_to_file(http_session* session) {
     http_response* response = session->response;
     text_buffer* chunk = &response->body_chunk;
     bool is_end = response->recv_state == RECV_COMPLETE || session->connection == nullptr;
-    if (chunk->length <= RECV_BUFFER_SIZE && !is_end) {
+    if (chunk->length <= WRITE_SIZE && !is_end) {
         return TAV_HTTP_ERROR_CODE_OK;
     }
     FILE* file = response->recv_file_id;
@@ -320,7 +332,7 @@ static bool _reserve_memory_body(http_response* response) {
 static uint32_t _keep_in_memory(http_session* session) {
     http_response* response = session->response;
     text_buffer* chunk = &response->body_chunk;
-    if (session->download_data_cb != nullptr && is_body_wanted(session)) {
+    if (session->download_data_cb != nullptr && _is_body_wanted(session)) {
         text_buffer_set_length(chunk, 0);  // The host has the bytes.
         return TAV_HTTP_ERROR_CODE_OK;
     }
@@ -346,7 +358,7 @@ uint32_t write_response_body(http_session* session) {
         LOG_INFO("_work_write_body, no data to write, return, sid=%d", session->id);
         return TAV_HTTP_ERROR_CODE_OK;
     }
-    if (response->delivered_bytes == 0 && is_body_wanted(session)) {
+    if (response->delivered_bytes == 0 && _is_body_wanted(session)) {
         _report_download_start(session);
     }
     if (!_check_offsets(session)) {

@@ -13,11 +13,8 @@
 
 #include "platform/win_text.h"
 #include "tavhttpclient/cookiemgr.h"
-#include "tavhttpclient/httpoption.h"
-#include "tavhttpclient/httprequest.h"
-#include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/log.h"
-#include "tavhttpclient/session_record.h"
+#include "tavhttpclient/response_record.h"
 
 // Values of response_parser.header_state.
 enum {
@@ -26,11 +23,21 @@ enum {
     HEADER_VALUE = 2
 };
 
-// Values of http_response.content_encoding.
+// An encoding of bodies: its name, its value in http_response.content_encoding, its decoder.
+struct encoding {
+    const char* name;
+    uint32_t value;
+    bool (*decode)(content_decoder* decoder, const void* data, uint32_t length,
+                   text_buffer* output);
+};
+
 enum {
-    ENCODING_IDENTITY = 0,
-    ENCODING_GZIP = 1,
-    ENCODING_DEFLATE = 2
+    ENCODING_IDENTITY = 0
+};
+
+static const encoding encodings[] = {
+    {"gzip", 1, decompress_gzip},
+    {"deflate", 2, decompress_deflate},
 };
 
 // A callback's result that ends the parse; 1 has another meaning behind the head.
@@ -80,20 +87,13 @@ static const char* _printable(const char* text) {
     return text != nullptr ? text : "(null)";
 }
 
-static const char* _current_url(const http_response* response) {
-    const http_session* session = response->session;
-    return session != nullptr && session->request != nullptr ? session->request->url : nullptr;
-}
-
 // ------------------------------------------------------------------------ effects of one header
 
 static int32_t _find_known_header(const char* name) {
     size_t length = strlen(name);
-    size_t count = sizeof(known_response_headers) / sizeof(known_response_headers[0]);
-    for (size_t i = 0; i < count; i++) {
-        const known_header* known = &known_response_headers[i];
-        if (known->length == length && _strnicmp(known->name, name, length) == 0) {
-            return known->kind;
+    for (const known_header& known : known_response_headers) {
+        if (known.length == length && _strnicmp(known.name, name, length) == 0) {
+            return known.kind;
         }
     }
     return HEADER_UNKNOWN;
@@ -124,10 +124,10 @@ static void _store_single_value(char** field, const char* value) {
 }
 
 static void _handle_content_encoding(http_response* response, const char* value) {
-    if (_stricmp(value, "gzip") == 0) {
-        response->content_encoding = ENCODING_GZIP;
-    } else if (_stricmp(value, "deflate") == 0) {
-        response->content_encoding = ENCODING_DEFLATE;
+    for (const encoding& known : encodings) {
+        if (_stricmp(value, known.name) == 0) {
+            response->content_encoding = known.value;
+        }
     }
 }
 
@@ -175,7 +175,7 @@ static void _handle_last_modified(http_response* response, const char* value) {
 }
 
 static void _handle_location(http_response* response, const char* value) {
-    const char* current = _current_url(response);
+    const char* current = response->request_url;
     char* location = nullptr;
     if (is_absolute_url(value)) {
         location = string_dup(value);
@@ -200,9 +200,8 @@ static void _handle_set_cookie(http_response* response, const char* value) {
         text_buffer_append(list, value, (uint32_t)length);
         text_buffer_append(list, "\0", 2);
     }
-    const char* url = _current_url(response);
-    if (url != nullptr) {
-        set_cookie_by_http_header(url, value);
+    if (response->request_url != nullptr) {
+        set_cookie_by_http_header(response->request_url, value);
     }
 }
 
@@ -293,8 +292,7 @@ static int _append_piece(char** text, const char* piece, size_t length) {
     return joined != nullptr ? 0 : STOP_PARSER;
 }
 
-// -------------------------------------------------------------------------- callbacks of the
-// parser
+// ----------------------------------------------------------------------- the parser's callbacks
 
 static http_response* _response_of(http_parser* state) {
     return (http_response*)state->data;
@@ -307,8 +305,8 @@ static bool _count_header_bytes(http_response* response, size_t count) {
         parser->header_bytes += (uint32_t)count;
         return true;
     }
-    LOG_INFO("parse_response_message, too many header bytes, id=%u, limit=%d",
-             response->session != nullptr ? response->session->id : 0, MAX_HEADER_BYTES);
+    LOG_INFO("parse_response_message, too many header bytes, id=%u, limit=%d", response->session_id,
+             MAX_HEADER_BYTES);
     return false;
 }
 
@@ -435,25 +433,17 @@ static uint32_t _append_raw_body(http_response* response, const char* piece, uin
     return TAV_HTTP_ERROR_CODE_OK;
 }
 
-static bool _keeps_undecoded_body(const http_response* response) {
-    const http_session* session = response->session;
-    return session != nullptr && session->options != nullptr &&
-           session->options->keep_undecoded_body != 0;
-}
-
-static uint32_t _append_decoded_body(http_response* response, const char* piece, uint32_t length) {
+static uint32_t _append_decoded_body(http_response* response, const encoding* known,
+                                     const char* piece, uint32_t length) {
     text_buffer* chunk = &response->body_chunk;
     int32_t before = chunk->length;
-    bool decoded = response->content_encoding == ENCODING_GZIP
-                       ? decompress_gzip(&response->decoder, piece, length, chunk)
-                       : decompress_deflate(&response->decoder, piece, length, chunk);
-    if (decoded) {
+    if (known->decode(&response->decoder, piece, length, chunk)) {
         response->body_bytes += (uint64_t)(chunk->length - before);
         return TAV_HTTP_ERROR_CODE_OK;
     }
     // What a failing piece decoded to is in no count; the raw piece takes its place.
     text_buffer_set_length(chunk, before);
-    if (_keeps_undecoded_body(response)) {
+    if (response->keep_undecoded_body != 0) {
         return _append_raw_body(response, piece, length);
     }
     return TAV_HTTP_ERROR_CODE_FAIL_DECODE_CONTENT;
@@ -463,15 +453,15 @@ static uint32_t _append_decoded_body(http_response* response, const char* piece,
 static int on_body(http_parser* state, const char* piece, size_t length) {
     http_response* response = _response_of(state);
     response->recv_body_bytes += length;
-    switch (response->content_encoding) {
-    case ENCODING_IDENTITY:
+    if (response->content_encoding == ENCODING_IDENTITY) {
         return (int)_append_raw_body(response, piece, (uint32_t)length);
-    case ENCODING_GZIP:
-    case ENCODING_DEFLATE:
-        return (int)_append_decoded_body(response, piece, (uint32_t)length);
-    default:
-        return TAV_HTTP_ERROR_CODE_CONTENT_ENCODING_NOT_SUPPORT;
     }
+    for (const encoding& known : encodings) {
+        if (known.value == response->content_encoding) {
+            return (int)_append_decoded_body(response, &known, piece, (uint32_t)length);
+        }
+    }
+    return TAV_HTTP_ERROR_CODE_CONTENT_ENCODING_NOT_SUPPORT;
 }
 
 static bool _is_over(const http_response* response) {

@@ -10,7 +10,7 @@
 
 #include "platform/win_time.h"
 #include "tavhttpclient/httpoption.h"
-#include "tavhttpclient/httpresponse.h"
+#include "tavhttpclient/response_record.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
 #include "tavhttpclient/session_record.h"

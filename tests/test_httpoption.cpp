@@ -3,6 +3,7 @@
 #include "tavhttpclient/httprequest.h"
 #include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/httpsession.h"
+#include "tavhttpclient/upload_item.h"
 #include "tests/support/exact_buffer.h"
 #include "tests/support/host.h"
 

@@ -1,7 +1,10 @@
 // The parts of request heads and bodies that the transfers leave open, without a connection.
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httprequest.h"
+#include "tavhttpclient/httprequest_head.h"
+#include "tavhttpclient/httprequest_items.h"
 #include "tavhttpclient/session_record.h"
+#include "tavhttpclient/upload_item.h"
 #include "tests/support/exact_buffer.h"
 #include "tests/support/host.h"
 

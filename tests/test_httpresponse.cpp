@@ -1,12 +1,13 @@
 // What no server can bring about in the write work of a response: lengths at the limits of the
 // numbers, and counts that disagree.
-#include "tavhttpclient/httpresponse.h"
+#include "tavhttpclient/httpresponse_body.h"
 
 #include <gtest/gtest.h>
 
 #include "tavhttpclient/httpconnect.h"
 #include "tavhttpclient/httpoption.h"
-#include "tavhttpclient/httprequest.h"
+#include "tavhttpclient/httpresponse.h"
+#include "tavhttpclient/request_record.h"
 #include "tavhttpclient/session_record.h"
 
 namespace {
@@ -17,8 +18,7 @@ class writing : public testing::Test {
         session_.options = &options_;
         session_.request = &request_;
         session_.connection = &connection_;
-        response_ = static_cast<http_response*>(std::calloc(1, sizeof(http_response)));
-        response_->session = &session_;
+        response_ = new_http_response(&session_);
         response_->status_code = 200;
         response_->recv_state = RECV_HEADERS_DONE;
         session_.response = response_;

@@ -26,8 +26,7 @@ class received {
         request_.url = url_;
         session_.options = &options_;
         session_.request = &request_;
-        response = static_cast<http_response*>(std::calloc(1, sizeof(http_response)));
-        response->session = &session_;
+        response = new_http_response(&session_);
     }
     ~received() {
         free_http_response(response);

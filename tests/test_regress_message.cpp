@@ -15,6 +15,7 @@
 #include "tavhttpclient/cookiemgr.h"
 #include "tavhttpclient/fs.h"
 #include "tavhttpclient/httpresponse.h"
+#include "tavhttpclient/message_parser.h"
 
 using testing::ElementsAre;
 
