@@ -11,6 +11,7 @@
 #include <mutex>
 
 #include "platform/win_file.h"
+#include "platform/win_socket.h"
 
 #define ADDRESS_TEXT_SIZE 64
 #define INT64_TEXT_SIZE 21

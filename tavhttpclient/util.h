@@ -9,9 +9,10 @@
 #include <stdint.h>
 #include <time.h>
 
-#include "platform/win_socket.h"
 #include "platform/win_time.h"
 #include "tavhttpclient/log.h"
+
+struct sockaddr;
 
 // ------------------------------------------------------------------------------- text buffer
 
