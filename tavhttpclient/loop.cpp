@@ -6,6 +6,7 @@
 
 #include <atomic>
 
+#include "platform/win_socket.h"
 #include "tavhttpclient/connectionpool.h"
 #include "tavhttpclient/cookiemgr.h"
 #include "tavhttpclient/httpconnect.h"
