@@ -200,10 +200,7 @@ static void _start_recv(basic_auth_ctx* auth) {
     if (auth->timer == nullptr) {
         auth->timer = new_uv_timer(loop, auth);
     }
-    ret = UV_ENOMEM;
-    if (auth->timer != nullptr) {
-        ret = uv_timer_start(auth->timer, _on_recv_timeout, PROXY_REPLY_TIMEOUT, 0);
-    }
+    ret = arm_uv_timer(auth->timer, _on_recv_timeout, PROXY_REPLY_TIMEOUT);
     if (ret != 0) {
         LOG_ERROR("_start_recv, uv_timer_start failed, ret=%d, %s.", ret, uv_strerror(ret));
     }

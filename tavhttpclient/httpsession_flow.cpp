@@ -100,9 +100,8 @@ static void _start_session_timer(http_session* session) {
         return;
     }
     session->timer = new_uv_timer(loop, session);
-    if (session->timer != nullptr &&
-        uv_timer_start(session->timer, _on_session_timeout,
-                       (uint64_t)session->options->session_timeout, 0) != 0) {
+    if (arm_uv_timer(session->timer, _on_session_timeout,
+                     (uint64_t)session->options->session_timeout) != 0) {
         disarm_session_timer(session);
     }
 }

@@ -46,7 +46,7 @@ static bool _start_io_timer(uv_timer_t** timer, uv_loop_t* loop, http_connection
     if (*timer == nullptr) {
         *timer = new_uv_timer(loop, conn);
     }
-    return *timer != nullptr && uv_timer_start(*timer, on_timeout, (uint64_t)timeout, 0) == 0;
+    return arm_uv_timer(*timer, on_timeout, (uint64_t)timeout) == 0;
 }
 
 // -------------------------------------------------------------------------------------- send

@@ -69,42 +69,6 @@ static void _init_abandoned_mutex(void) {
     }
 }
 
-// ------------------------------------------------------------------------------------ handles
-
-void free_handle_on_close(uv_handle_t* handle) {
-    free(handle);
-}
-
-uv_timer_t* new_uv_timer(uv_loop_t* loop, void* data) {
-    uv_timer_t* timer = (uv_timer_t*)calloc(1, sizeof(uv_timer_t));
-    if (timer == nullptr) {
-        return nullptr;
-    }
-    if (uv_timer_init(loop, timer) != 0) {
-        free(timer);
-        return nullptr;
-    }
-    timer->data = data;
-    return timer;
-}
-
-void close_uv_timer(uv_timer_t** timer) {
-    if (*timer == nullptr) {
-        return;
-    }
-    uv_timer_stop(*timer);
-    uv_close((uv_handle_t*)*timer, free_handle_on_close);
-    *timer = nullptr;
-}
-
-void close_uv_tcp(uv_tcp_t** tcp) {
-    if (*tcp == nullptr) {
-        return;
-    }
-    uv_close((uv_handle_t*)*tcp, free_handle_on_close);
-    *tcp = nullptr;
-}
-
 // ------------------------------------------------------------------------- connect: the record
 
 static void _free_connect_ctx(uv_connect_ctx* ctx) {
@@ -123,12 +87,6 @@ static void _free_connect_ctx(uv_connect_ctx* ctx) {
     free(ctx->connect_req4);
     free(ctx->connect_req6);
     free(ctx);
-}
-
-static void _stop_timer(uv_timer_t* timer) {
-    if (timer != nullptr) {
-        uv_timer_stop(timer);
-    }
 }
 
 static uint32_t _ticks_since(uint64_t start) {
@@ -185,14 +143,17 @@ static void _notify_uv_connect_timeout_result(uv_connect_ctx* ctx, uint32_t stat
 
 // --------------------------------------------------------------------- connect: end of the race
 
+static bool _is_cancelled(const uv_connect_ctx* ctx) {
+    return ctx->probe != nullptr && ctx->probe(ctx->user_data);
+}
+
 // Loop thread, timer. Only an attempt that libuv refused is left: nothing will ever come back, so
 // the operation ends when its user has been cancelled.
 static void _on_stalled_check(uv_timer_t* timer) {
     uv_connect_ctx* ctx = (uv_connect_ctx*)timer->data;
-    if (ctx->probe == nullptr || !ctx->probe(ctx->user_data)) {
+    if (!_is_cancelled(ctx) && arm_uv_timer(timer, _on_stalled_check, STALLED_INTERVAL) == 0) {
         return;
     }
-    uv_timer_stop(timer);
     close_uv_tcp(&ctx->tcp4);
     close_uv_tcp(&ctx->tcp6);
     _notify_uv_connect_timeout_result(ctx, TAV_HTTP_ERROR_CODE_FAIL_CONNECT);
@@ -210,8 +171,7 @@ static void _wait_connect_complete(uv_connect_ctx* ctx, int status) {
     if (_is_attempt_running(ctx)) {
         return;
     }
-    if (ctx->timer == nullptr ||
-        uv_timer_start(ctx->timer, _on_stalled_check, STALLED_INTERVAL, STALLED_INTERVAL) != 0) {
+    if (arm_uv_timer(ctx->timer, _on_stalled_check, STALLED_INTERVAL) != 0) {
         // Without the timer not even a cancel could end it.
         close_uv_tcp(&ctx->tcp4);
         close_uv_tcp(&ctx->tcp6);
@@ -244,7 +204,7 @@ static void _on_connect_result(uv_connect_t* request, int status) {
     uv_tcp_t** other = is_ipv4 ? &ctx->tcp6 : &ctx->tcp4;
 
     // The first result ends the connect time-out for the other attempt too.
-    _stop_timer(ctx->timer);
+    stop_uv_timer(ctx->timer);
     if (is_ipv4) {
         ctx->connect_req4 = nullptr;
     } else {
@@ -350,7 +310,7 @@ static void _start_connect_timer(uv_connect_ctx* ctx, int result4, int result6,
     }
     int64_t rest = (int64_t)ctx->timeout - _resolution_time(ctx);
     uint32_t timeout = rest < MIN_CONNECT_TIMEOUT ? MIN_CONNECT_TIMEOUT : (uint32_t)rest;
-    if (ctx->timer == nullptr || uv_timer_start(ctx->timer, _on_connect_timeout, timeout, 0) != 0) {
+    if (arm_uv_timer(ctx->timer, _on_connect_timeout, timeout) != 0) {
         LOG_INFO("_start_connect, uv_timer_start failed.");
     }
     LOG_INFO("_start_connect, ctx=%p, timeout=%u ms, host=%s, ipv4=%d, ipv6=%d, conn4=%p, "
@@ -434,7 +394,7 @@ static void _on_dns_result(uv_getaddrinfo_t* request, int status, struct addrinf
     address_texts texts;
 
     ctx->dns_pending = 0;
-    _stop_timer(ctx->timer);
+    stop_uv_timer(ctx->timer);
     if (ctx->callback == nullptr) {
         LOG_INFO("_on_dns_result, callback is NULL means timeout, free the ctx, host=%s, "
                  "status=%d",
@@ -513,8 +473,7 @@ static void _start_dns(void* argument) {
         return;
     }
     if (ctx->timeout > 0 &&
-        (ctx->timer == nullptr ||
-         uv_timer_start(ctx->timer, _on_dns_timeout, (uint64_t)ctx->timeout, 0) != 0)) {
+        arm_uv_timer(ctx->timer, _on_dns_timeout, (uint64_t)ctx->timeout) != 0) {
         LOG_INFO("_start_dns, uv_timer_start failed.");
     }
     ctx->dns_start_time = GetTickCount();
@@ -666,7 +625,7 @@ static void _uv_recv_result(uv_stream_t* stream, ssize_t nread, const uv_buf_t* 
     uint32_t status = TAV_HTTP_ERROR_CODE_OK;
     (void)offer;
     uv_read_stop(stream);
-    _stop_timer(ctx->timer);
+    stop_uv_timer(ctx->timer);
     if (ctx->buffer != nullptr) {
         ctx->buffer->length = nread > 0 ? (int32_t)nread : 0;
     }
@@ -712,8 +671,7 @@ uint32_t uv_recv_timeout(uv_stream_t* stream, uv_io_ctx* ctx, text_buffer* buffe
             LOG_ERROR("uv_recv_timeout, uv_timer_init failed.");
         }
     }
-    if (ctx->timer != nullptr &&
-        uv_timer_start(ctx->timer, _uv_recv_timeout, RECV_TIMEOUT, 0) != 0) {
+    if (ctx->timer != nullptr && arm_uv_timer(ctx->timer, _uv_recv_timeout, RECV_TIMEOUT) != 0) {
         LOG_INFO("uv_recv_timeout, uv_timer_start failed.");
     }
     ctx->buffer = buffer;

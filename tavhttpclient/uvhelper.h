@@ -7,9 +7,7 @@
 #include <uv.h>
 
 #include "tavhttpclient/util.h"
-
-// The close callback of every heap-allocated libuv handle: frees the handle's memory.
-void free_handle_on_close(uv_handle_t* handle);
+#include "tavhttpclient/uvhandle.h"
 
 // status     0, or an error code.
 // tcp        on success the connected handle, owned by the callee (uv_close with
@@ -18,17 +16,22 @@ void free_handle_on_close(uv_handle_t* handle);
 typedef void (*uv_connect_timeout_cb)(uint32_t status, uv_tcp_t* tcp,
                                       const struct sockaddr_storage* addr, void* user_data);
 
-// True when nobody waits for the result any more.
+// True when nobody waits for the result any more: the operation goes no further then.
 typedef bool (*uv_connect_cancel_probe)(void* user_data);
 
 // Resolves `host` and connects over IPv4 and IPv6 at once.
 //
 // timeout  ms for both together; 0 or less: none.
-// probe    may be null. Asked now and then while an attempt that could not even be started keeps
-//          the operation from ending; once true the operation ends with FAIL_CONNECT.
+// probe    may be null. Asked before the resolution, before the connect, and now and then while an
+//          attempt that could not even be started keeps the operation from ending; once true the
+//          operation ends with FAIL_CONNECT.
 // Returns  0: `callback` is called once, on a later turn; any other code: it is not.
 uint32_t uv_connect_timeout(const char* host, uint16_t port, int32_t timeout, void* user_data,
                             uv_connect_timeout_cb callback, uv_connect_cancel_probe probe);
+
+// Ends the pending operation of `user_data`, whose probe is true from now on, as its time-outs
+// would: the callback follows on a later turn. Without such an operation nothing happens.
+void uv_connect_abort(void* user_data);
 
 // Lookups whose result nobody waits for any more but that the system has not given up yet.
 // uv_connect_abandon_lookups cancels those that have not begun and closes the handles of the
@@ -58,12 +61,5 @@ void uv_io_ctx_free(uv_io_ctx* ctx);
 // Returns 0: `callback` is called once, later; any other code: it is not.
 uint32_t uv_recv_timeout(uv_stream_t* stream, uv_io_ctx* ctx, text_buffer* buffer,
                          uv_io_recv_cb callback);
-
-// A zeroed timer on the loop, its data set; null when it cannot be made. Closed by
-// close_uv_timer (null is allowed), which stops it and clears the field.
-uv_timer_t* new_uv_timer(uv_loop_t* loop, void* data);
-void close_uv_timer(uv_timer_t** timer);
-// Closes a heap-allocated TCP handle and clears the field; null is allowed.
-void close_uv_tcp(uv_tcp_t** tcp);
 
 #endif
