@@ -3,10 +3,15 @@
 
 #include <time.h>
 
-DWORD GetTickCount(void) {
+ULONGLONG GetTickCount64(void) {
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    DWORD ticks = (DWORD)((uint64_t)now.tv_sec * 1000u + (uint64_t)now.tv_nsec / 1000000u);
+    ULONGLONG ticks = (uint64_t)now.tv_sec * 1000u + (uint64_t)now.tv_nsec / 1000000u;
+    return ticks != 0 ? ticks : 1;
+}
+
+DWORD GetTickCount(void) {
+    DWORD ticks = (DWORD)GetTickCount64();
     // Callers keep 0 for "no time stamp yet"; the wrap after 49 days must not look like that.
     return ticks != 0 ? ticks : 1;
 }

@@ -26,8 +26,6 @@
 #include "tavhttpclient/util.h"
 #include "tavhttpclient/uvhelper.h"
 
-#define DEFAULT_CONNECT_TIMEOUT 15000  // ms
-
 // What a URL says about the server. The texts are owned.
 struct connect_target {
     char* scheme;
@@ -94,7 +92,8 @@ static void _unhold(http_connection* conn) {
 }
 
 bool http_connect_is_cancelled(const http_connection* conn) {
-    return conn->closed != 0 || (conn->owner != nullptr && session_is_cancelled(conn->owner));
+    const http_session* session = conn->owner != nullptr ? conn->owner : conn->holder;
+    return conn->closed != 0 || (session != nullptr && session_is_cancelled(session));
 }
 
 bool http_connect_close(http_connection* conn) {
@@ -119,6 +118,39 @@ void http_connect_close_all(void) {
             conn->holder->connection = nullptr;
         }
         http_connection_destroy(conn);
+    }
+}
+
+// -------------------------------------------------------------------------------- early end
+
+static http_connection* _connection_of(const http_session* session) {
+    for (list_link* link = _open_connections.next; link != &_open_connections; link = link->next) {
+        http_connection* conn =
+            (http_connection*)((char*)link - offsetof(http_connection, open_link));
+        if (conn->owner == session || conn->holder == session) {
+            return conn;
+        }
+    }
+    return nullptr;
+}
+
+// The time-outs of the plain transport serve the handshakes and records of TLS too.
+void abort_network_step(http_session* session) {
+    http_connection* conn = session != nullptr ? _connection_of(session) : nullptr;
+    if (conn == nullptr) {
+        return;
+    }
+    if (conn->abort_step != nullptr) {
+        conn->abort_step(conn->step);
+    }
+    expire_uv_timer(conn->send_timer);
+    expire_uv_timer(conn->recv_timer);
+}
+
+void http_connection_set_step(http_connection* conn, void (*abort_step)(void* step), void* step) {
+    if (conn != nullptr) {
+        conn->abort_step = abort_step;
+        conn->step = step;
     }
 }
 
@@ -184,6 +216,7 @@ static void _on_tcp_connected(http_connection* conn) {
 static void _direct_connect_result(uint32_t status, uv_tcp_t* tcp,
                                    const struct sockaddr_storage* addr, void* user_data) {
     http_connection* conn = (http_connection*)user_data;
+    http_connection_set_step(conn, nullptr, nullptr);
     if (!http_connection_release(conn)) {
         close_uv_tcp(&tcp);
         return;
@@ -226,6 +259,7 @@ static bool _take_proxy_result(http_connection* conn, const char* function, uint
 // Loop thread. From both proxy results; next _on_tcp_connected.
 static void _on_proxy_result(http_connection* conn, const char* function, uint32_t status,
                              uv_tcp_t* tcp) {
+    http_connection_set_step(conn, nullptr, nullptr);
     if (!http_connection_release(conn)) {
         close_uv_tcp(&tcp);
         return;
@@ -276,6 +310,7 @@ static uint32_t _start_direct(http_connection* conn, int32_t budget) {
         return TAV_HTTP_ERROR_CODE_NOT_SUPPORT_HTTPS;
     }
     http_connection_hold(conn);
+    http_connection_set_step(conn, uv_connect_abort, conn);
     uint32_t err = uv_connect_timeout(conn->host, conn->port, budget, conn, _direct_connect_result,
                                       _is_connect_cancelled);
     if (err != 0) {

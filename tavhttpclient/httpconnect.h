@@ -30,6 +30,10 @@ typedef uint32_t (*http_send_op)(http_connection* conn, void* user, const char* 
 typedef uint32_t (*http_recv_op)(http_connection* conn, void* user, char* buffer, uint32_t size,
                                  int32_t timeout, http_recv_cb callback);
 
+enum {
+    DEFAULT_CONNECT_TIMEOUT = 15000  // ms
+};
+
 struct http_connection {
     uint32_t id;
     uv_tcp_t* stream;  // owned; null until connected, and again after a send time-out
@@ -39,7 +43,7 @@ struct http_connection {
     uint16_t port;
     proxy_info* proxy;  // own copy, or null
     int32_t is_https;
-    int32_t connect_timeout;     // ms; 0 or less: 15000
+    int32_t connect_timeout;     // ms; 0 or less: the default
     tls_state* tls;              // made at the handshake
     char* expected_cname;        // null: no check
     uint32_t keepalive_timeout;  // ms the connection may stay idle in the pool
@@ -63,6 +67,10 @@ struct http_connection {
     http_connect_cb connect_callback;
     http_send_cb send_callback;
     http_recv_cb recv_callback;
+
+    // Ends the pending step of the establishment early; null: none that can be. Its module sets it.
+    void (*abort_step)(void* step);
+    void* step;
 
     // Life time.
     http_session* holder;  // session whose `connection` points here, or null
@@ -91,8 +99,19 @@ bool http_connect_close(http_connection* conn);
 // no longer answers for its thread.
 void http_connection_destroy(http_connection* conn);
 
-// True when the session that waits for this connection has been cancelled.
+// Ends the pending network step of a cancelled session at once: a lookup, connect attempts, the
+// handshake with a proxy, a TLS handshake, a send or a receive. The step's result comes on a later
+// turn as after its time-out, with the same lines, and the session goes on from there as it does
+// when it was cancelled. A session without a pending network step goes on by itself. Loop thread.
+//
+// session  its cancel flag is set.
+void abort_network_step(http_session* session);
+
+// True when the connection is closed, or its session has been cancelled.
 bool http_connect_is_cancelled(const http_connection* conn);
+
+// What ends the establishment's pending step from now on. Null: no connection, nothing happens.
+void http_connection_set_step(http_connection* conn, void (*abort_step)(void* step), void* step);
 
 // Each operation whose completion will touch the record holds it meanwhile. The completion begins
 // with http_connection_release: false means that the connection was closed in between; the record

@@ -252,7 +252,11 @@ static bool _basic_auth_build_request(const basic_auth_ctx* auth, text_buffer* o
 // Loop thread. From _start_basic_auth; next _start_recv.
 static void _send_request_result(uv_write_t* request, int status) {
     basic_auth_ctx* auth = (basic_auth_ctx*)request->data;
+    request->data = nullptr;
     text_buffer_release(&auth->request);
+    if (auth->tcp == nullptr) {
+        status = UV_ECANCELED;  // Closed by an abort, also when the bytes were out already.
+    }
     if (status < 0) {
         LOG_ERROR("_send_request_result, status=%d", status);
         _basic_auth_finish(auth, TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_SEND);
@@ -271,6 +275,7 @@ static void _start_basic_auth(basic_auth_ctx* auth) {
     auth->write_req.data = auth;
     int ret = uv_write(&auth->write_req, (uv_stream_t*)auth->tcp, &bytes, 1, _send_request_result);
     if (ret != 0) {
+        auth->write_req.data = nullptr;
         LOG_ERROR("_start_basic_auth, uv_write failed, ret=%d, %s", ret, uv_strerror(ret));
         _basic_auth_finish(auth, TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_SEND);
     }
@@ -304,6 +309,17 @@ static bool _basic_auth_is_cancelled(void* user_data) {
     return user != nullptr && http_connect_is_cancelled(user);
 }
 
+static void _abort_basic_auth(void* step) {
+    basic_auth_ctx* auth = (basic_auth_ctx*)step;
+    if (auth->tcp == nullptr) {
+        uv_connect_abort(auth);
+    } else if (auth->write_req.data != nullptr) {
+        close_uv_tcp(&auth->tcp);
+    } else {
+        expire_uv_timer(auth->timer);
+    }
+}
+
 // A failure to start is returned, not reported: nothing calls back inside the starting call.
 static uint32_t _basic_auth_start(http_proxy_ctx* ctx) {
     basic_auth_ctx* auth = (basic_auth_ctx*)calloc(1, sizeof(basic_auth_ctx));
@@ -312,6 +328,7 @@ static uint32_t _basic_auth_start(http_proxy_ctx* ctx) {
     }
     auth->owner = ctx;
     auth->result_step = _basic_auth_result;
+    http_connection_set_step(ctx->user, _abort_basic_auth, auth);
     uint32_t err = uv_connect_timeout(ctx->proxy->host, ctx->proxy->port, ctx->timeout, auth,
                                       _basic_auth_on_connect_result, _basic_auth_is_cancelled);
     if (err != 0) {

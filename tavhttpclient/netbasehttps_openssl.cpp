@@ -29,6 +29,7 @@
 #include <string.h>
 #include <uv.h>
 
+#include "platform/win_time.h"
 #include "tavhttpclient/httpconnect.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
@@ -39,6 +40,7 @@
 enum {
     TLS_BUFFER_SIZE = 32768,
     TLS_IO_TIMEOUT = 30000,
+    OVERDUE_MARGIN = 100,
     SUBJECT_SIZE = 1024
 };
 
@@ -74,7 +76,9 @@ struct tls_state {
     http_send_cb send_cb;
     http_recv_cb recv_cb;
 
-    int32_t last_error;  // SSL_get_error of last_result, taken on its thread
+    int32_t last_error;   // SSL_get_error of last_result, taken on its thread
+    int32_t timeout;      // ms, of the pending handshake or receive; 0 or less: none
+    uint64_t begun_time;  // tick count of the first bytes of what is not whole yet; 0: none
 };
 
 static void _https_connect(void* argument);
@@ -231,6 +235,23 @@ static bool _give_to_engine(BIO* bio, const char* data, int32_t length) {
     return result > 0;
 }
 
+// A peer may think as long as a network step allows. The handshake or the record that it has begun
+// to send must be whole within the time-out: each of the steps that single bytes take would be in
+// time. The margin leaves the first word to a session time-out of the same length.
+static bool _is_overdue(const tls_state* state) {
+    return state->timeout > 0 && state->begun_time != 0 &&
+           GetTickCount64() - state->begun_time >= (uint64_t)state->timeout + OVERDUE_MARGIN;
+}
+
+// Whether the pump may go to the network; else what it continues with. A session that is cancelled
+// waits for no peer.
+static uint32_t _check_network_step(const http_connection* conn, bool wants_read) {
+    if (http_connect_is_cancelled(conn)) {
+        return TAV_HTTP_ERROR_CODE_CANCEL;
+    }
+    return wants_read && _is_overdue(conn->tls) ? TAV_HTTP_ERROR_CODE_RECV_TIMEOUT : 0;
+}
+
 // Loop thread. From http_recv; next the owner of the pump.
 static void _handle_pending_io_recv_callback(http_connection* conn, void* user, uint32_t status,
                                              char* data, int32_t nread) {
@@ -246,6 +267,8 @@ static void _handle_pending_io_recv_callback(http_connection* conn, void* user, 
     } else if (!_give_to_engine(conn->tls->rbio, data, nread)) {
         LOG_INFO("_handle_pending_io_recv_callback, BIO_write fail");
         err = TAV_HTTP_ERROR_CODE_FAIL_RECV;
+    } else if (conn->tls->begun_time == 0) {
+        conn->tls->begun_time = GetTickCount64();
     }
     _continue_pending_io(conn, err);
 }
@@ -271,12 +294,12 @@ static void _handle_pending_io(http_connection* conn, bool want_read,
         _continue_pending_io(conn, _fatal_status(state));
         return;
     }
-    if (BIO_ctrl_pending(state->wbio) > 0) {
+    uint32_t err = _check_network_step(conn, want_read);
+    if (err == 0 && BIO_ctrl_pending(state->wbio) > 0) {
         _send_pending_chunk(conn);
         return;
     }
-    uint32_t err = 0;
-    if (want_read) {
+    if (err == 0 && want_read) {
         err = http_recv(conn, nullptr, state->in_buf.data, (uint32_t)state->in_buf.capacity,
                         TLS_IO_TIMEOUT, _handle_pending_io_recv_callback);
         if (err == 0) {
@@ -475,6 +498,9 @@ static uint32_t _start_https_connect(http_connection* conn, http_connect_cb call
     SSL_ctrl(conn->tls->ssl, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name, (void*)name);
 
     conn->tls->connect_cb = callback;
+    conn->tls->timeout =
+        conn->connect_timeout > 0 ? conn->connect_timeout : DEFAULT_CONNECT_TIMEOUT;
+    conn->tls->begun_time = 0;
     if (!_run_held(conn, _https_connect)) {
         conn->tls->connect_cb = nullptr;
         return TAV_HTTP_ERROR_CODE_FAIL_START_ASYNC;
@@ -590,6 +616,9 @@ static void _after_work_ssl_read(worker_step* request, int status) {
         state->recv_len = 0;
         _notify_https_recv_result(conn, 0);
     } else {
+        if (SSL_has_pending(state->ssl) == 0) {
+            state->begun_time = 0;  // Whole records, but a ticket is no answer.
+        }
         _handle_pending_io(conn, true, _on_ssl_read_io);
     }
 }
@@ -610,10 +639,10 @@ static void _https_recv(void* argument) {
     }
 }
 
-// `timeout` is not used: each network step below has its own.
+// `timeout` limits how long a record may take from its first byte on; each network step below has
+// its own.
 static uint32_t _start_https_recv(http_connection* conn, void* user, char* buffer, uint32_t size,
                                   int32_t timeout, http_recv_cb callback) {
-    (void)timeout;
     if (!LOG_ASSERT_IN("https_recv", conn != nullptr && buffer != nullptr && size != 0 &&
                                          callback != nullptr && conn->tls != nullptr)) {
         return TAV_HTTP_ERROR_CODE_FAIL_RECV;
@@ -624,6 +653,8 @@ static uint32_t _start_https_recv(http_connection* conn, void* user, char* buffe
     state->recv_size = size;
     state->recv_user = user;
     state->recv_cb = callback;
+    state->timeout = timeout;
+    state->begun_time = 0;
     if (!_run_held(conn, _https_recv)) {
         state->recv_user = nullptr;
         state->recv_cb = nullptr;

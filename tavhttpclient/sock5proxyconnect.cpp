@@ -98,10 +98,23 @@ static bool _append_counted(text_buffer* buffer, const char* text) {
     return _append_byte(buffer, length) && text_buffer_append(buffer, text, (uint32_t)length);
 }
 
+static bool _is_cancelled(void* user_data) {
+    const http_connection* user = ((sock5_ctx*)user_data)->user;
+    return user != nullptr && http_connect_is_cancelled(user);
+}
+
 static int _write_message(sock5_ctx* ctx, uv_write_cb callback) {
     uv_buf_t bytes = uv_buf_init(ctx->send_buffer.data, (unsigned int)ctx->send_buffer.length);
+    if (_is_cancelled(ctx)) {
+        return UV_ECANCELED;
+    }
     ctx->io->write_req->data = ctx;
     return uv_write(ctx->io->write_req, (uv_stream_t*)ctx->tcp, &bytes, 1, callback);
+}
+
+// An abort has closed the handle, also when the bytes were out already.
+static int _write_status(const sock5_ctx* ctx, int status) {
+    return ctx->tcp == nullptr ? UV_ECANCELED : status;
 }
 
 static uint32_t _read_reply(sock5_ctx* ctx, uv_io_recv_cb callback) {
@@ -172,6 +185,7 @@ static void _step3_recv_result(uint32_t status, uv_io_ctx* io, text_buffer* buff
 // Loop thread. From _step3_request_cmd; next _step3_recv_result.
 static void _step3_send_result(uv_write_t* request, int status) {
     sock5_ctx* ctx = (sock5_ctx*)request->data;
+    status = _write_status(ctx, status);
     if (status < 0) {
         LOG_ERROR("_step3_send_result, failed, status=%d, %s", status, uv_strerror(status));
         _notify_connect_result(ctx, TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_SEND);
@@ -244,6 +258,7 @@ static void _step2_verify_userpwd_recv_result(uint32_t status, uv_io_ctx* io, te
 // Loop thread. From _step2_verify_userpwd; next _step2_verify_userpwd_recv_result.
 static void _step2_verify_userpwd_send_result(uv_write_t* request, int status) {
     sock5_ctx* ctx = (sock5_ctx*)request->data;
+    status = _write_status(ctx, status);
     if (status < 0) {
         LOG_ERROR("_step2_verify_userpwd_send_result, failed, status=%d", status);
         _notify_connect_result(ctx, TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_SEND);
@@ -323,6 +338,7 @@ static void _step1_recv_result(uint32_t status, uv_io_ctx* io, text_buffer* buff
 // Loop thread. From _step1_auth_method_negotiation; next _step1_recv_result.
 static void _step1_send_result(uv_write_t* request, int status) {
     sock5_ctx* ctx = (sock5_ctx*)request->data;
+    status = _write_status(ctx, status);
     if (status < 0) {
         LOG_ERROR("_step1_send_result, failed, status=%d", status);
         _notify_connect_result(ctx, TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_SEND);
@@ -374,9 +390,15 @@ static void _on_connect_result(uint32_t status, uv_tcp_t* tcp,
     }
 }
 
-static bool _is_cancelled(void* user_data) {
-    const http_connection* user = ((sock5_ctx*)user_data)->user;
-    return user != nullptr && http_connect_is_cancelled(user);
+static void _abort_handshake(void* step) {
+    sock5_ctx* ctx = (sock5_ctx*)step;
+    if (ctx->tcp == nullptr) {
+        uv_connect_abort(ctx);
+    } else if (ctx->io->recv_callback == nullptr) {
+        close_uv_tcp(&ctx->tcp);  // Cancels the write.
+    } else {
+        uv_recv_abort(ctx->io);
+    }
 }
 
 // Loop thread. From sock5_proxy_connect; next _on_connect_result.
@@ -433,5 +455,6 @@ uint32_t sock5_proxy_connect(const char* host, uint16_t port, proxy_info* proxy,
     ctx->timeout = timeout;
     ctx->callback = callback;
     ctx->proxy = proxy;
+    http_connection_set_step(user, _abort_handshake, ctx);
     return 0;
 }

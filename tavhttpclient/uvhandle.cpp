@@ -64,6 +64,12 @@ int arm_uv_timer(uv_timer_t* handle, uv_timer_cb on_timeout, uint64_t timeout) {
     return uv_timer_start(handle, _on_timer_due, timeout + _time_since_turn(handle->loop), 0);
 }
 
+void expire_uv_timer(uv_timer_t* handle) {
+    if (handle != nullptr && uv_is_active((uv_handle_t*)handle) != 0) {
+        arm_uv_timer(handle, ((heap_timer*)handle)->on_timeout, 0);
+    }
+}
+
 void stop_uv_timer(uv_timer_t* timer) {
     if (timer != nullptr) {
         uv_timer_stop(timer);

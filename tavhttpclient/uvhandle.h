@@ -16,6 +16,8 @@ uv_timer_t* new_uv_timer(uv_loop_t* loop, void* data);
 // time is always delivered first, also when a callback has held the loop thread up beyond it. Arms
 // an armed timer anew. Returns 0, or libuv's error and it is not armed; null gives UV_ENOMEM.
 int arm_uv_timer(uv_timer_t* timer, uv_timer_cb on_timeout, uint64_t timeout);
+// Ends the time of an armed timer now; what is not armed stays so. Null is allowed.
+void expire_uv_timer(uv_timer_t* timer);
 // Null is allowed.
 void stop_uv_timer(uv_timer_t* timer);
 // Stops and closes the timer and clears the field; null is allowed.

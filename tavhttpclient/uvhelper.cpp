@@ -89,6 +89,10 @@ static void _free_connect_ctx(uv_connect_ctx* ctx) {
     free(ctx);
 }
 
+static bool _is_cancelled(const uv_connect_ctx* ctx) {
+    return ctx->probe != nullptr && ctx->probe(ctx->user_data);
+}
+
 static uint32_t _ticks_since(uint64_t start) {
     return (uint32_t)(GetTickCount() - start);
 }
@@ -142,10 +146,6 @@ static void _notify_uv_connect_timeout_result(uv_connect_ctx* ctx, uint32_t stat
 }
 
 // --------------------------------------------------------------------- connect: end of the race
-
-static bool _is_cancelled(const uv_connect_ctx* ctx) {
-    return ctx->probe != nullptr && ctx->probe(ctx->user_data);
-}
 
 // Loop thread, timer. Only an attempt that libuv refused is left: nothing will ever come back, so
 // the operation ends when its user has been cancelled.
@@ -345,6 +345,10 @@ static void _start_connect(uv_connect_ctx* ctx, const struct sockaddr_in* found4
         _notify_uv_connect_timeout_result(ctx, TAV_HTTP_ERROR_CODE_NULL_EVENT_LOOP);
         return;
     }
+    if (_is_cancelled(ctx)) {
+        _notify_uv_connect_timeout_result(ctx, TAV_HTTP_ERROR_CODE_FAIL_CONNECT);
+        return;
+    }
     _open_handles(ctx, loop, found4, found6);
     if (ctx->tcp4 == nullptr && ctx->tcp6 == nullptr) {
         _notify_uv_connect_timeout_result(ctx, TAV_HTTP_ERROR_CODE_FAIL_CREATE_SOCKET);
@@ -464,6 +468,10 @@ static void _start_dns(void* argument) {
         _notify_uv_connect_timeout_result(ctx, TAV_HTTP_ERROR_CODE_NULL_EVENT_LOOP);
         return;
     }
+    if (_is_cancelled(ctx)) {
+        _notify_uv_connect_timeout_result(ctx, TAV_HTTP_ERROR_CODE_FAIL_CONNECT);
+        return;
+    }
     if (ctx->timer == nullptr) {
         ctx->timer = new_uv_timer(loop, ctx);
     }
@@ -506,6 +514,26 @@ uint32_t uv_connect_timeout(const char* host, uint16_t port, int32_t timeout, vo
     }
     LOG_INFO("uv_connect_with_timeout, host=%s:%d, timeout=%d", host, (int)port, timeout);
     return TAV_HTTP_ERROR_CODE_OK;
+}
+
+// -------------------------------------------------------------------------- connect: early end
+
+// A lookup ends as if it had taken too long, running attempts as if they had. An operation between
+// the two, or one whose attempts could not be started, asks its probe.
+void uv_connect_abort(void* user_data) {
+    for (list_link* link = _live_contexts.next; link != &_live_contexts; link = link->next) {
+        uv_connect_ctx* ctx = (uv_connect_ctx*)link;
+        if (ctx->user_data != user_data || ctx->callback == nullptr) {
+            continue;
+        }
+        if (ctx->dns_pending != 0) {
+            arm_uv_timer(ctx->timer, _on_dns_timeout, 0);
+        } else if (_is_attempt_running(ctx)) {
+            close_uv_tcp(&ctx->tcp4);
+            close_uv_tcp(&ctx->tcp6);
+        }
+        return;
+    }
 }
 
 // ------------------------------------------------------------------- connect: end of the loop
@@ -598,6 +626,10 @@ void uv_io_ctx_free(uv_io_ctx* ctx) {
     free(ctx->write_req);
     close_uv_timer(&ctx->timer);
     free(ctx);
+}
+
+void uv_recv_abort(uv_io_ctx* ctx) {
+    expire_uv_timer(ctx->timer);
 }
 
 static void _report_recv(uv_io_ctx* ctx, uint32_t status) {

@@ -57,6 +57,9 @@ uv_io_ctx* uv_io_ctx_new(void);
 // Null is allowed. No read may be pending on a stream that lives on.
 void uv_io_ctx_free(uv_io_ctx* ctx);
 
+// Ends the wait of a pending read as its time-out would; the callback follows on a later turn.
+void uv_recv_abort(uv_io_ctx* ctx);
+
 // Reads one chunk into `buffer`, at most 30 seconds. Sets stream->data.
 // Returns 0: `callback` is called once, later; any other code: it is not.
 uint32_t uv_recv_timeout(uv_stream_t* stream, uv_io_ctx* ctx, text_buffer* buffer,

@@ -130,11 +130,9 @@ TEST(HttpConnect, WhatIsClosedAtAnyStageStaysClosed) {
     start_at("https" + silent.url().substr(4), [&] { return silent.connection_count() == 1; });
     EXPECT_TRUE(silent.wait_for_disconnects(1));
 #endif
-    EXPECT_TRUE(server.wait_for_connections(1));
-    EXPECT_TRUE(server.wait_for_disconnects(1)) << "connected after its close, and closed too";
-    EXPECT_EQ(1u, server.connection_count());
     tavHTTPClose(session);
     lib.shutdown();
+    EXPECT_EQ(0u, server.connection_count()) << "closed while the name was looked up";
     EXPECT_FALSE(log.has_line("_notify_connection_result, "));
 }
 

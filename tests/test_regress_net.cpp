@@ -1,9 +1,14 @@
 // Mended faults of the network's layers.
+#include "tavhttpclient/httpconnect.h"
+#include "tavhttpclient/session_record.h"
+#include "tests/support/fake_system.h"
 #include "tests/support/host.h"
 #include "tests/support/on_loop.h"
+#include "tests/support/tls_server.h"
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -42,5 +47,125 @@ TEST(RegressNet, ACallbackThatHoldsTheLoopUpTimesNothingOut) {
         EXPECT_EQ("late", one.body());
     }
 }
+
+// Every step below would last far longer than the deadline of a test.
+TEST(RegressNet, AnAbortEndsThePendingNetworkStep) {
+    const std::string too_much(8 << 20, 'x');
+    lookup_release release;
+    library lib;
+    log_capture log;
+    set_name("hang", {"127.0.0.1"});
+    blackhole_listener deaf;
+    scripted_server silent(script{stall_deaf()}, {false, 4096});
+    scripted_server socks(
+        script{read_bytes(3), send_text(bytes_of("\5\0")), read_bytes(10), stall()});
+    const proxy_record http_proxy(1, silent.port()), socks_proxy(2, socks.port());
+    const proxy_record deaf_proxy(2, deaf.port());
+    std::size_t connects = 0;  // that were started before the row
+    auto connecting = [&](const http_session*) {
+        return log.count("_start_connect, ctx=") > connects;
+    };
+    auto connected = [&](const http_session*) {
+        return log.count("_on_connect_result, success") > connects - 2;  // two never connected
+    };
+    const struct {
+        const char* step;
+        std::string url;
+        const proxy_info* proxy;
+        bool uploads;
+        std::function<bool(const http_session*)> reached;
+    } rows[] = {
+        {"lookup", "http://hang/", nullptr, false,
+         [](const http_session*) { return hanging_lookups() == 1; }},
+        {"connect", deaf.url(), nullptr, false, connecting},
+        {"connect to a proxy", silent.url(), deaf_proxy.get(), false, connecting},
+        {"HTTP proxy", silent.url(), http_proxy.get(), false, connected},
+        {"SOCKS5 proxy", silent.url(), socks_proxy.get(), false,
+         [&](const http_session*) { return socks.request_count() == 2; }},
+        {"TLS handshake", "https" + silent.url().substr(4), nullptr, false, connected},
+        {"receive", silent.url(), nullptr, false,
+         [](const http_session* session) {
+             return session->connection != nullptr && session->connection->recv_callback != nullptr;
+         }},
+        {"send", silent.url(), nullptr, true,
+         [](const http_session* session) {
+             return session->connection != nullptr && session->connection->send_callback != nullptr;
+         }},
+    };
+    for (const auto& row : rows) {
+        if (!TAV_HTTP_WITH_TLS && row.url[4] == 's') {
+            continue;
+        }
+        SCOPED_TRACE(row.step);
+        connects = log.count("_start_connect, ctx=");
+        transfer one(row.url, row.uploads ? TAV_HTTP_METHOD_POST : TAV_HTTP_METHOD_GET, row.proxy);
+        if (row.uploads) {
+            one.set(TAV_HTTP_OPTION_ADD_FORM_DATA, "f", too_much.data(),
+                    static_cast<int>(too_much.size()), "f");
+        }
+        ASSERT_EQ(0u, one.send());
+        ASSERT_TRUE(wait_until([&] {
+            bool reached = false;
+            on_loop([&] { reached = row.reached(one.handle()); });
+            return reached;
+        }));
+        on_loop([&] {
+            session_set_flags(one.handle(), 1, 0);
+            abort_network_step(one.handle());
+            abort_network_step(one.handle());
+            EXPECT_FALSE(one.completed()) << "on a later turn only";
+        });
+        expect_code(code::cancel, one.wait());
+        EXPECT_EQ(1, one.completions());
+    }
+}
+
+#if TAV_HTTP_WITH_TLS
+// A peer that sends a record a byte at a time is in time with every one of them.
+TEST(RegressNet, ADrippingTlsPeerKeepsNoSession) {
+    library lib;
+    enum {
+        by_cancel = 0
+    };
+    const struct {
+        bool in_handshake;
+        std::uint32_t option;  // by_cancel: the session is cancelled instead
+        std::uint32_t expected;
+    } rows[] = {
+        {true, TAV_HTTP_OPTION_CONNECT_TIMEOUT, code::recv_timeout},
+        {true, TAV_HTTP_OPTION_SESSION_TIMEOUT, code::session_timeout},
+        {true, by_cancel, code::cancel},
+        {false, TAV_HTTP_OPTION_IO_TIMEOUT, code::recv_timeout},
+        {false, TAV_HTTP_OPTION_SESSION_TIMEOUT, code::session_timeout},
+        {false, by_cancel, code::cancel},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(row.in_handshake) + " " + std::to_string(row.option));
+        std::atomic<int> drops{0};
+        tls_server server([&](tls_peer& peer) {
+            std::string request;
+            if (!row.in_handshake && (!peer.accept() || !peer.read_request(&request))) {
+                return;
+            }
+            const std::string head =
+                bytes_of(row.in_handshake ? "\x16\3\3\x40\0" : "\x17\3\3\x40\0");
+            for (bool open = peer.raw_write(head); open; ++drops) {
+                open = peer.raw_write("x");
+                std::this_thread::sleep_for(milliseconds(20));  // a slow peer
+            }
+        });
+        transfer one(server.url());
+        if (row.option != by_cancel) {
+            one.set(row.option, 200);
+        }
+        ASSERT_EQ(0u, one.send());
+        ASSERT_TRUE(wait_until([&] { return drops > 2; }));
+        if (row.option == by_cancel) {
+            one.cancel();
+        }
+        expect_code(row.expected, one.wait());
+    }
+}
+#endif
 
 }  // namespace
