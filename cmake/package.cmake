@@ -1,5 +1,6 @@
-# Install rules: the shared library, its headers for C and C++, the CMake package and the .pc file.
-# What is installed may be moved as a whole.
+# Install rules: the libraries, their headers for C and C++, the CMake package and the .pc files.
+# What is installed may be moved as a whole. Components, which are the Debian packages too: library,
+# dev, tool.
 include(CMakePackageConfigHelpers)
 
 set(_tav_http_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/tavhttpclient")
@@ -22,19 +23,45 @@ foreach(dir IN ITEMS LIBDIR INCLUDEDIR)
     endif()
 endforeach()
 
-configure_file(cmake/tavhttpclient.pc.in tavhttpclient.pc @ONLY)
 configure_package_config_file(cmake/tavhttpclient-config.cmake.in tavhttpclient-config.cmake
     INSTALL_DESTINATION "${_tav_http_package_dir}")
 write_basic_package_version_file(tavhttpclient-config-version.cmake
     COMPATIBILITY SameMajorVersion)
 
-install(TARGETS tavhttpclient EXPORT tavhttpclient-targets)
-install(FILES tavhttpclient/tavhttpclient.h tavhttpclient/tavhttpclient.hpp
-    DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/tavhttpclient")
-install(EXPORT tavhttpclient-targets NAMESPACE tavhttpclient::
-    DESTINATION "${_tav_http_package_dir}")
+if(_tav_http_shared)
+    configure_file(cmake/tavhttpclient.pc.in tavhttpclient.pc @ONLY)
+    install(TARGETS tavhttpclient EXPORT tavhttpclient-targets
+        RUNTIME COMPONENT library
+        LIBRARY COMPONENT library NAMELINK_COMPONENT dev
+        ARCHIVE COMPONENT dev)
+    install(EXPORT tavhttpclient-targets NAMESPACE tavhttpclient::
+        DESTINATION "${_tav_http_package_dir}" COMPONENT dev)
+    install(FILES "${PROJECT_BINARY_DIR}/tavhttpclient.pc"
+        DESTINATION "${_tav_http_pc_dir}" COMPONENT dev)
+endif()
+if(TAV_HTTP_BUILD_STATIC OR NOT _tav_http_shared)
+    set(_tav_http_pc_ssl "")
+    if(TAV_HTTP_WITH_TLS)
+        set(_tav_http_pc_ssl " libssl")
+    endif()
+    configure_file(cmake/tavhttpclient-static.pc.in tavhttpclient-static.pc @ONLY)
+    install(TARGETS tavhttpclient_static EXPORT tavhttpclient-static-targets COMPONENT dev)
+    install(EXPORT tavhttpclient-static-targets NAMESPACE tavhttpclient::
+        DESTINATION "${_tav_http_package_dir}" COMPONENT dev)
+    install(FILES "${PROJECT_BINARY_DIR}/tavhttpclient-static.pc"
+        DESTINATION "${_tav_http_pc_dir}" COMPONENT dev)
+    install(FILES cmake/dependencies.cmake cmake/FindHttpParser.cmake
+        DESTINATION "${_tav_http_package_dir}" COMPONENT dev)
+endif()
+install(FILES
+    tavhttpclient/tavhttpclient.h
+    tavhttpclient/tavhttpclient.hpp
+    DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/tavhttpclient" COMPONENT dev)
 install(FILES
     "${PROJECT_BINARY_DIR}/tavhttpclient-config.cmake"
     "${PROJECT_BINARY_DIR}/tavhttpclient-config-version.cmake"
-    DESTINATION "${_tav_http_package_dir}")
-install(FILES "${PROJECT_BINARY_DIR}/tavhttpclient.pc" DESTINATION "${_tav_http_pc_dir}")
+    DESTINATION "${_tav_http_package_dir}" COMPONENT dev)
+
+if(TAV_HTTP_DEB)
+    include(deb)
+endif()

@@ -20,7 +20,23 @@
 
 #include <stdint.h>
 
-#if defined(_WIN32)
+/* ------------------------------------------------------------------------------------------------
+ * Version. A host that must be changed for a release meets another first number; the shared
+ * library's name carries it too.
+ */
+#define TAV_HTTP_VERSION_MAJOR 1
+#define TAV_HTTP_VERSION_MINOR 0
+#define TAV_HTTP_VERSION_PATCH 0
+#define TAV_HTTP_VERSION_JOIN_(a, b, c) #a "." #b "." #c
+#define TAV_HTTP_VERSION_JOIN(a, b, c) TAV_HTTP_VERSION_JOIN_(a, b, c)
+/* The three as a text: "1.0.0". */
+#define TAV_HTTP_VERSION_TEXT                                                                      \
+    TAV_HTTP_VERSION_JOIN(TAV_HTTP_VERSION_MAJOR, TAV_HTTP_VERSION_MINOR, TAV_HTTP_VERSION_PATCH)
+
+/* A host of the static library defines TAV_HTTP_STATIC; the CMake target and the .pc file do. */
+#if defined(TAV_HTTP_STATIC)
+#define TAV_HTTP_API
+#elif defined(_WIN32)
 #if defined(TAV_HTTP_BUILD)
 #define TAV_HTTP_API __declspec(dllexport)
 #else
