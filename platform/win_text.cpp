@@ -6,7 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#define REPLACEMENT_POINT 0xFFFDu
+static const uint32_t REPLACEMENT_POINT = 0xFFFD;
 
 // Reads one code point; returns the bytes consumed. A broken sequence is consumed as far as it was
 // a valid beginning, and reads as one replacement character.

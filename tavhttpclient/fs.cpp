@@ -17,11 +17,14 @@
 #include "tavhttpclient/utilplatform_win32.h"
 #include "tavhttpclient/worker.h"
 
-#define BAD_ARGUMENT 14
-#define STREAM_BUFFER_SIZE 0x10000
-#define SEPARATORS "/\\"
-#define TEMP_DIRECTORY_SIZE 262
-#define TEMP_NAME_ATTEMPTS 3
+enum {
+    BAD_ARGUMENT = 14,
+    STREAM_BUFFER_SIZE = 0x10000,
+    TEMP_DIRECTORY_SIZE = 262,
+    TEMP_NAME_ATTEMPTS = 3
+};
+
+static const char SEPARATORS[] = "/\\";
 
 // What a failed call reports: its errno, or its own result when it left none.
 static int32_t _error_of(int result) {

@@ -457,7 +457,7 @@ static int _start_unlink(http_session* session, const char* path, uv_fs_cb callb
 static void _start_delete_temp_file(http_session* session) {
     const char* path = session->response->temp_path;
     if (_start_unlink(session, path, _on_delete_temp_file_result) < 0) {
-        tavhttp_remove(path);  // Rather here than never.
+        tavhttp_remove(path);  // Without libuv it is done here.
         _finish_recv_response(session);
     }
 }

@@ -226,7 +226,7 @@ static void _report_download_start(http_session* session) {
     }
 }
 
-// The counts and the waiting bytes must tell the same story, or bytes would land in wrong places.
+// The counts and the waiting bytes must agree, or bytes would land in wrong places.
 static bool _are_offsets_consistent(const http_response* response) {
     uint64_t waiting = (uint64_t)response->body_chunk.length;
     uint64_t total = response->body_bytes;

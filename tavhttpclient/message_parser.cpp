@@ -192,8 +192,10 @@ static void _handle_location(http_response* response, const char* value) {
 static void _handle_set_cookie(http_response* response, const char* value) {
     text_buffer* list = &response->set_cookie;
     int32_t length = (int32_t)strlen(value);
-    // Room for all of it first: a list that lost its end could not be walked.
-    if (text_buffer_reserve(list, list->length + length + 2)) {
+    int32_t needed = list->length + length + 2;
+    // Room for all of it first, since a list that lost its end could not be walked; and for more,
+    // since a server may send thousands.
+    if (needed <= list->capacity || text_buffer_reserve(list, 2 * needed)) {
         if (list->length > 0) {
             text_buffer_set_length(list, list->length - 1);
         }

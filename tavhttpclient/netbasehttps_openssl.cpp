@@ -29,6 +29,7 @@
 #include <string.h>
 #include <uv.h>
 
+#include "platform/win_text.h"
 #include "platform/win_time.h"
 #include "tavhttpclient/httpconnect.h"
 #include "tavhttpclient/log.h"
@@ -342,25 +343,11 @@ static bool _queue_held(http_connection* conn, worker_function work,
 
 // -------------------------------------------------------------------------- the name check
 
-static char _lower(char c) {
-    return c >= 'A' && c <= 'Z' ? (char)(c - 'A' + 'a') : c;
-}
-
-static bool _equal_ignoring_case(const char* a, const char* b) {
-    while (*a != '\0' && _lower(*a) == _lower(*b)) {
-        a++;
-        b++;
-    }
-    return _lower(*a) == _lower(*b);
-}
-
 char* find_common_name(char* subject) {
     if (subject == nullptr) {
         return nullptr;
     }
-    for (char* c = subject; *c != '\0'; c++) {
-        *c = _lower(*c);
-    }
+    lower_ascii(subject);
     // With the line break in front: a common name that is the first entry is deliberately not seen.
     char* name = strstr(subject, "\ncn=");
     if (name == nullptr) {
@@ -376,12 +363,12 @@ bool common_name_matches(const char* name, const char* expected) {
         return false;
     }
     if (name[0] != '*') {
-        return _equal_ignoring_case(name, expected);
+        return _stricmp(name, expected) == 0;
     }
     if (name[1] != '.') {
         return false;
     }
-    if (_equal_ignoring_case(name + 2, expected)) {
+    if (_stricmp(name + 2, expected) == 0) {
         return true;
     }
     // The tail begins with the dot, so that "*.d" does not match "xd".
@@ -389,7 +376,7 @@ bool common_name_matches(const char* name, const char* expected) {
     size_t tail_length = strlen(tail);
     size_t expected_length = strlen(expected);
     return expected_length >= tail_length &&
-           _equal_ignoring_case(expected + expected_length - tail_length, tail);
+           _stricmp(expected + expected_length - tail_length, tail) == 0;
 }
 
 // Prints the certificate's subject, one entry a line; an empty text when that fails.

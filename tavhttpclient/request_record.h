@@ -23,8 +23,8 @@ struct http_request {
     http_session* session;
     uint32_t method;  // effective: a POST with nothing to send is sent like a GET
     char* url;        // current; redirects replace it
-    char* referer;
-    char* host;  // these three are refreshed from `url` by every build
+    char* referer;    // the URL before the last redirect; unread
+    char* host;       // these three are refreshed from `url` by every build
     char* path;
     char* target;
     uint32_t redirect_count;

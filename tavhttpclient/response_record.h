@@ -45,17 +45,17 @@ struct http_response {
     uint32_t connection_mode;  // 0 no Connection header, 1 keep-alive, 2 close
     int32_t keep_alive_timeout;
     int32_t keep_alive_max;
-    uint64_t content_length;  // 0 when absent
-    uint64_t known_length;    // the loop thread's copy of it, taken between two chunks
-    char* content_type;
-    char* content_disposition;
-    char* transfer_encoding;
+    uint64_t content_length;    // 0 when absent
+    uint64_t known_length;      // the loop thread's copy of it, taken between two chunks
+    char* content_type;         // unread
+    char* content_disposition;  // unread
+    char* transfer_encoding;    // unread
     uint8_t chunked;
     int64_t range_start;
     int64_t range_end;
     int64_t range_total;
-    char* location;  // absolute redirect target
-    char* server;
+    char* location;         // absolute redirect target
+    char* server;           // unread
     int64_t unset_time;     // stays 0
     int64_t last_modified;  // seconds since 1970 UTC
     char* etag;

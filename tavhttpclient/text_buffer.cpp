@@ -9,8 +9,10 @@
 
 #include "tavhttpclient/util.h"
 
-#define FIRST_FORMAT_CAPACITY 1024
-#define STRING_FORMAT_CAPACITY 512
+enum {
+    FIRST_FORMAT_CAPACITY = 1024,
+    STRING_FORMAT_CAPACITY = 512
+};
 
 bool text_buffer_init(text_buffer* buffer, uint32_t capacity) {
     if (buffer == nullptr) {

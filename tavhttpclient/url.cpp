@@ -9,12 +9,12 @@
 #include "tavhttpclient/util.h"
 
 // A piece of text while it is being split; both null: absent.
-struct _range {
+struct text_range {
     const char* begin;
     const char* end;
 };
 
-static text_view _view(_range range) {
+static text_view _view(text_range range) {
     text_view view = {range.begin, (uint32_t)(range.end - range.begin)};
     return view;
 }
@@ -50,7 +50,7 @@ bool split_at_char(const char* begin, const char* end, char separator, const cha
 }
 
 // Returns whether the separator was there.
-static bool _split(_range range, char separator, _range* first, _range* second) {
+static bool _split(text_range range, char separator, text_range* first, text_range* second) {
     bool found = false;
     split_at_char(range.begin, range.end, separator, &first->begin, &first->end, &second->begin,
                   &second->end, &found);
@@ -58,9 +58,9 @@ static bool _split(_range range, char separator, _range* first, _range* second) 
 }
 
 // After the opening bracket: "address]" or "address]:port".
-static bool _parse_bracketed_host(_range range, url_info* info) {
-    _range host;
-    _range behind;
+static bool _parse_bracketed_host(text_range range, url_info* info) {
+    text_range host;
+    text_range behind;
     if (!_split(range, ']', &host, &behind) || host.begin == nullptr) {
         return false;
     }
@@ -76,7 +76,7 @@ static bool _parse_bracketed_host(_range range, url_info* info) {
     return true;
 }
 
-static bool _parse_host_and_port(_range range, url_info* info) {
+static bool _parse_host_and_port(text_range range, url_info* info) {
     if (range.begin == nullptr) {
         return false;
     }
@@ -84,8 +84,8 @@ static bool _parse_host_and_port(_range range, url_info* info) {
         range.begin += 1;
         return _parse_bracketed_host(range, info);
     }
-    _range host;
-    _range port;
+    text_range host;
+    text_range port;
     _split(range, ':', &host, &port);
     if (host.begin == nullptr) {
         return false;
@@ -96,9 +96,9 @@ static bool _parse_host_and_port(_range range, url_info* info) {
 }
 
 // "host", "host:port", "user@..." or "user:password@...".
-static bool _parse_authority(_range authority, url_info* info) {
-    _range before;
-    _range behind;
+static bool _parse_authority(text_range authority, url_info* info) {
+    text_range before;
+    text_range behind;
     _split(authority, '@', &before, &behind);
     // Before a final '@' stands the host: nothing is left that it could be the user of.
     bool has_user = behind.begin != nullptr && before.begin != nullptr;
@@ -108,8 +108,8 @@ static bool _parse_authority(_range authority, url_info* info) {
     if (!has_user) {
         return true;
     }
-    _range user;
-    _range password;
+    text_range user;
+    text_range password;
     _split(before, ':', &user, &password);
     if (user.begin == nullptr) {
         return false;
@@ -120,11 +120,11 @@ static bool _parse_authority(_range authority, url_info* info) {
 }
 
 // From the '/' or '?' behind the authority to the end.
-static void _parse_path_part(_range part, url_info* info) {
-    _range before_fragment;
-    _range fragment;
-    _range path;
-    _range query;
+static void _parse_path_part(text_range part, url_info* info) {
+    text_range before_fragment;
+    text_range fragment;
+    text_range path;
+    text_range query;
     _split(part, '#', &before_fragment, &fragment);
     _split(before_fragment, '?', &path, &query);
     info->path = _view(path);
@@ -145,12 +145,12 @@ bool parse_url_info(const char* url, url_info* info) {
     if (mark == nullptr || mark[3] == 0) {
         return false;
     }
-    _range scheme = {url, mark};
-    _range rest = {mark + 3, mark + strlen(mark)};
+    text_range scheme = {url, mark};
+    text_range rest = {mark + 3, mark + strlen(mark)};
     info->scheme = _view(scheme);
 
-    _range authority;
-    _range path;
+    text_range authority;
+    text_range path;
     bool found = _split(rest, '/', &authority, &path);
     if (!found) {
         _split(rest, '?', &authority, &path);

@@ -13,8 +13,10 @@
 #include "platform/win_file.h"
 #include "platform/win_socket.h"
 
-#define ADDRESS_TEXT_SIZE 64
-#define INT64_TEXT_SIZE 21
+enum {
+    ADDRESS_TEXT_SIZE = 64,
+    INT64_TEXT_SIZE = 21
+};
 
 // ------------------------------------------------------------------------------------- texts
 
@@ -69,6 +71,14 @@ char* trim_string(const char* text, int32_t length) {
     return trimmed;
 }
 
+void lower_ascii(char* text) {
+    for (; *text != 0; ++text) {
+        if (*text >= 'A' && *text <= 'Z') {
+            *text = (char)(*text + ('a' - 'A'));
+        }
+    }
+}
+
 int32_t string_printf_bounded(char* array, int32_t size, const char* format, ...) {
     if (array == nullptr || size < 1) {
         return 0;
@@ -116,29 +126,21 @@ static int _find_name(const char* const* names, int count, const char* name) {
     return -1;
 }
 
-static void _lower_ascii(char* text) {
-    for (; *text != 0; ++text) {
-        if (*text >= 'A' && *text <= 'Z') {
-            *text = (char)(*text + ('a' - 'A'));
-        }
-    }
-}
-
 // ------------------------------------------------------------------------------------- dates
 
-static const char* const _weekdays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-static const char* const _months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+static const char* const weekdays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+static const char* const months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                     "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
 // A date as it stands in the text, before anything is checked.
-struct _date_fields {
+struct date_fields {
     char weekday[4];
     char month[4];
     int day, year, hour, minute, second;
 };
 
 // Widths keep the numbers within an int. "GMT" at the end is not verified: only conversions count.
-static bool _scan_date(const char* text, _date_fields* date) {
+static bool _scan_date(const char* text, date_fields* date) {
     memset(date, 0, sizeof(*date));
     int count = sscanf(text, "%3s,%9d%3s%9d%9d:%9d:%9dGMT", date->weekday, &date->day, date->month,
                        &date->year, &date->hour, &date->minute, &date->second);
@@ -155,10 +157,10 @@ static bool _is_within(int value, int highest) {
     return value >= 0 && value <= highest;
 }
 
-static bool _check_date(const _date_fields* date, struct tm* time) {
+static bool _check_date(const date_fields* date, struct tm* time) {
     memset(time, 0, sizeof(*time));
-    time->tm_wday = _find_name(_weekdays, 7, date->weekday);
-    time->tm_mon = _find_name(_months, 12, date->month);
+    time->tm_wday = _find_name(weekdays, 7, date->weekday);
+    time->tm_mon = _find_name(months, 12, date->month);
     if (time->tm_wday < 0 || time->tm_mon < 0 || date->year < 1900) {
         return false;
     }
@@ -183,7 +185,7 @@ bool parse_http_date(const char* text, int32_t length, int64_t* output) {
     if (copy == nullptr) {
         return false;
     }
-    _date_fields date;
+    date_fields date;
     struct tm time;
     bool ok = _scan_date(copy, &date) && _check_date(&date, &time);
     free(copy);
@@ -245,7 +247,7 @@ char* tm_struct_to_http_gmt_time(const struct tm* time) {
         return nullptr;
     }
     string_printf_bounded(text, size - 1, "%s, %02d %s %04d %02d:%02d:%02d GMT",
-                          _weekdays[time->tm_wday], time->tm_mday, _months[time->tm_mon],
+                          weekdays[time->tm_wday], time->tm_mday, months[time->tm_mon],
                           time->tm_year + 1900, time->tm_hour, time->tm_min, time->tm_sec);
     return text;
 }
@@ -358,7 +360,7 @@ void parse_connection_value(char* text, int32_t* keep_alive, int32_t* timeout, i
     if (text == nullptr) {
         return;
     }
-    _lower_ascii(text);
+    lower_ascii(text);
     if (strstr(text, "keep-alive") == nullptr) {
         return;
     }

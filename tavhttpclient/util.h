@@ -98,6 +98,8 @@ char* string_dup_n(const char* text, int32_t count);
 void string_replace(char** field, const char* text);
 // Copy without leading and trailing spaces and tabs; length below 1 means the whole text.
 char* trim_string(const char* text, int32_t length);
+// Lower-cases the letters A to Z in place, under every locale.
+void lower_ascii(char* text);
 // Formats into `array` of `size` bytes and always terminates it; returns the full length needed.
 int32_t string_printf_bounded(char* array, int32_t size, const char* format, ...) LOG_PRINTF(3, 4);
 // Decimal text of `value` in `array` of at least 21 bytes; returns `array`.
