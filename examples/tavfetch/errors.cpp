@@ -1,10 +1,9 @@
 #include "errors.h"
 
-#include "terminal.h"
-
 #include <cstdio>
 
 #include "tavhttpclient/tavhttpclient.h"
+#include "text.h"
 
 struct code_text {
     uint32_t code;

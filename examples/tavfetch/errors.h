@@ -14,7 +14,8 @@ enum {
     EXIT_FILE = 5,
     EXIT_TIMEOUT = 6,
     EXIT_CANCELLED = 7,
-    EXIT_INTERNAL = 8
+    EXIT_INTERNAL = 8,
+    EXIT_CHECKSUM = 9
 };
 
 // The two outcomes that have no name of their own.

@@ -5,7 +5,8 @@
 #include <deque>
 #include <map>
 
-#include "terminal.h"
+#include "system.h"
+#include "text.h"
 
 static const double RATE_WINDOW_SECONDS = 3;
 static const double LINE_SECONDS = 5;
@@ -30,29 +31,6 @@ static progress_mode screen_mode = PROGRESS_OFF;
 static size_t drawn_lines = 0;
 static std::string drawn_text;
 static std::map<transfer*, shown_transfer> shown;  // main thread
-
-std::string format_bytes(double bytes) {
-    static const char* const units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-    size_t unit = 0;
-    for (; bytes >= 1024 && unit < 4; unit++) {
-        bytes /= 1024;
-    }
-    char text[32];
-    snprintf(text, sizeof(text), unit == 0 ? "%.0f %s" : "%.1f %s", bytes, units[unit]);
-    return text;
-}
-
-std::string format_seconds(double seconds) {
-    long long whole = (long long)(seconds + 0.5);
-    char text[32];
-    if (whole >= 3600) {
-        snprintf(text, sizeof(text), "%lld:%02lld:%02lld", whole / 3600, whole / 60 % 60,
-                 whole % 60);
-    } else {
-        snprintf(text, sizeof(text), "%lld:%02lld", whole / 60, whole % 60);
-    }
-    return text;
-}
 
 // The bytes of the phase that the transfer is in.
 static void get_counts(const transfer_progress& state, int64_t* done, int64_t* total) {

@@ -27,10 +27,4 @@ void forget_progress(transfer* item);
 // Prints a line above the bars. Any thread.
 void print_line(const std::string& text);
 
-// "12.3 MiB"
-std::string format_bytes(double bytes);
-
-// "0:04", "1:02:03"
-std::string format_seconds(double seconds);
-
 #endif

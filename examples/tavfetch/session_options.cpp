@@ -1,12 +1,13 @@
 #include "session_options.h"
 
 #include <algorithm>
-#include <cctype>
 
-static std::string lower_case(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return (char)tolower(c); });
-    return text;
+#include "text.h"
+#include "url.h"
+
+bool is_secret_header(const std::string& name) {
+    std::string lower = lower_case(name);
+    return lower == "authorization" || lower == "cookie" || lower == "proxy-authorization";
 }
 
 // Lines that the library writes itself are replaced with its options; a line added beside them
@@ -64,18 +65,22 @@ static uint32_t set_body(http_session* session, const arguments& args) {
     return code;
 }
 
-static void set_target(http_session* session, const arguments& args, const transfer_target& target,
-                       bool resuming) {
-    if (target.kind == TARGET_FILE) {
-        tavHTTPSetOption(session, TAV_HTTP_OPTION_DOWNLOAD_FILE, target.path.c_str());
-        tavHTTPSetOption(session, TAV_HTTP_OPTION_RESUME, (uint32_t)resuming);
-    } else if (target.kind == TARGET_AUTO_FILE) {
+static void set_target(http_session* session, const transfer& item) {
+    const arguments& args = *item.args;
+    if (item.target.kind == TARGET_FILE) {
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_DOWNLOAD_FILE, item.target.working.c_str());
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_RESUME, (uint32_t)item.resuming);
+    } else if (item.target.kind == TARGET_AUTO_FILE) {
         tavHTTPSetOption(session, TAV_HTTP_OPTION_DOWNLOAD_TO_FILE, (uint32_t)1);
     }
     if (args.range) {
         // 64-bit options read 64 bits: the values must have that type.
         tavHTTPSetOption(session, TAV_HTTP_OPTION_RANGE, (int64_t)args.range->first,
                          (int64_t)args.range->last);
+    }
+    // What another attempt received is continued only while the resource is the same.
+    if (item.resume_from > 0 && !item.validator.empty()) {
+        set_header(session, {"If-Range", item.validator});
     }
 }
 
@@ -92,13 +97,31 @@ static void set_proxy(http_session* session, const proxy_address& address) {
     tavHTTPSetOption(session, TAV_HTTP_OPTION_PROXY, &proxy);
 }
 
-http_session* open_session(const arguments& args, const std::string& url,
-                           const transfer_target& target, bool resuming, void* user_data,
-                           complete_callback callback) {
+// The library sends a session's header lines wherever it is redirected to, so another host gets a
+// session without them.
+static void set_headers(http_session* session, const transfer& item) {
+    bool is_home = is_same_origin(item.url, item.current_url);
+    bool has_own_login = false;
+    for (const text_pair& header : item.args->headers) {
+        has_own_login = has_own_login || lower_case(header.first) == "authorization";
+        if (is_home || !is_secret_header(header.first)) {
+            set_header(session, header);
+        }
+    }
+    if (is_home && !item.args->cookie.empty()) {
+        tavHTTPSetOption(session, TAV_HTTP_OPTION_COOKIE, item.args->cookie.c_str());
+    }
+    if (is_home && !item.authorization.empty() && !has_own_login) {
+        set_header(session, {"Authorization", item.authorization});
+    }
+}
+
+http_session* open_session(transfer* item, complete_callback callback) {
+    const arguments& args = *item->args;
     uint32_t method = args.head       ? TAV_HTTP_METHOD_HEAD
                       : is_post(args) ? TAV_HTTP_METHOD_POST
                                       : TAV_HTTP_METHOD_GET;
-    http_session* session = tavHTTPOpen(method, url.c_str(), nullptr, user_data, callback);
+    http_session* session = tavHTTPOpen(method, item->current_url.c_str(), nullptr, item, callback);
     if (session == nullptr) {
         return nullptr;
     }
@@ -112,16 +135,11 @@ http_session* open_session(const arguments& args, const std::string& url,
     if (!args.tls_name.empty()) {
         tavHTTPSetOption(session, TAV_HTTP_OPTION_TLS_HOST_NAME, args.tls_name.c_str());
     }
-    if (!args.cookie.empty()) {
-        tavHTTPSetOption(session, TAV_HTTP_OPTION_COOKIE, args.cookie.c_str());
+    if (item->proxy) {
+        set_proxy(session, *item->proxy);
     }
-    if (args.proxy) {
-        set_proxy(session, *args.proxy);
-    }
-    for (const text_pair& header : args.headers) {
-        set_header(session, header);
-    }
-    set_target(session, args, target, resuming);
+    set_headers(session, *item);
+    set_target(session, *item);
     if (set_body(session, args) != 0) {
         tavHTTPClose(session);
         return nullptr;

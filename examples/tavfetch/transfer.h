@@ -6,43 +6,17 @@
 #define EXAMPLES_TAVFETCH_TRANSFER_H
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <mutex>
 #include <string>
 
 #include "arguments.h"
+#include "checksum.h"
+#include "events.h"
 #include "target.h"
 #include "tavhttpclient/tavhttpclient.h"
 
 typedef std::chrono::steady_clock::time_point time_point;
-
-struct transfer;
-
-enum event_kind {
-    EVENT_REDIRECT,
-    EVENT_COMPLETE
-};
-
-struct transfer_event {
-    event_kind kind;
-    transfer* owner;
-    uint32_t code;     // EVENT_COMPLETE
-    std::string text;  // EVENT_REDIRECT: where to
-};
-
-// From the library's threads to the main thread.
-struct event_queue {
-    std::mutex lock;
-    std::condition_variable filled;
-    std::deque<transfer_event> events;
-};
-
-void push_event(event_queue* queue, const transfer_event& event);
-
-// Waits for an event, at most `wait`. False when none came.
-bool pop_event(event_queue* queue, std::chrono::milliseconds wait, transfer_event* event);
 
 enum transfer_phase {
     PHASE_CONNECTING,
@@ -59,64 +33,68 @@ struct transfer_progress {
     int64_t send_total = 0;  // 0: not known yet
 };
 
-// Why tavfetch itself ended a transfer that the library would have gone on with.
+// Why tavfetch itself ended a session that the library would have gone on with.
 enum transfer_verdict {
     VERDICT_NONE,
     VERDICT_RESTART,        // a resumed server sends from the start: the file would be spoilt
+    VERDICT_BROKEN,         // the library connects anew, where another head would go unseen
+    VERDICT_REDIRECT,       // to another host, which needs a session of its own
     VERDICT_COMPLETE,       // the file to resume is complete
-    VERDICT_RANGE_IGNORED,  // likewise for --range
-    VERDICT_OUTPUT_CLOSED   // standard output takes no more
+    VERDICT_REFUSED,        // an error page in place of the rest: the file stays as it is
+    VERDICT_RANGE_IGNORED,  // the whole resource in place of --range
+    VERDICT_CHANGED,        // another resource than the one whose beginning is out already
+    VERDICT_OUTPUT_CLOSED,  // the stream takes no more
+    VERDICT_NO_TEXT         // bytes that do not belong on a terminal
+};
+
+// A failure of tavfetch's own, which no code of the library names.
+struct own_failure {
+    int exit_code = 0;
+    std::string text;  // empty: none
 };
 
 struct transfer {
-    // Set before the start.
+    // Set before the first start.
     const arguments* args;
     event_queue* events;
-    std::string url;
+    std::string url;            // without user and password
+    std::string authorization;  // the header value made of them; empty: none
     std::string label;
     transfer_target target;
+    time_point started;
 
-    // Main thread.
+    // Main thread; while a session runs, the library's threads read them.
     http_session* session = nullptr;
+    std::string current_url;  // of this session; another after a redirect to another host
+    std::optional<proxy_address> proxy;
+    own_failure failure;  // of the start
     bool resuming = false;
     int64_t resume_from = 0;
+    std::string validator;           // names the version of the bytes that were received
+    bool has_host_settings = false;  // header lines or a proxy that are for one host
+    bool wants_text = false;         // the stream is a terminal
+    int retries = 0, redirects = 0;
+    bool has_repeated = false;  // one attempt after a broken connection is free
+    time_point wake_at;         // no session runs, another attempt begins then
+
+    // Callbacks of the session: one runs at a time.
+    checksum stream_sum = checksum(nullptr, EVP_MD_CTX_free);
+    int64_t stream_end = 0;  // TARGET_STREAM: the bytes before it are out
 
     // Under the lock: written by the library's threads.
     std::mutex lock;
     transfer_progress progress;
     transfer_verdict verdict = VERDICT_NONE;
+    std::string redirect_url;       // VERDICT_REDIRECT
     bool connecting_https = false;  // an https connection is being made
-    time_point started, connected, first_byte;
-    int64_t body_start = 0;  // where the body began that was stored
-    int64_t stream_end = 0;  // TARGET_STREAM: the bytes before it are on standard output
+    time_point connected, first_byte, last_byte;
+    std::string received_validator;
+    bool expects_connection = false;  // the first one, or a redirect's
+    int64_t body_start = 0;           // where the body began that was stored
 };
 
-struct transfer_result {
-    uint32_t code = 0;
-    transfer_verdict verdict = VERDICT_NONE;
-    bool in_handshake = false;
-    uint32_t status = 0;
-    std::string status_text;
-    std::string final_url;
-    std::string location;  // of a redirect that was not followed
-    std::string peer;
-    std::string file;     // what is on disk now, also of a failed transfer; empty: nothing
-    std::string headers;  // TARGET_NONE
-    std::string body;     // TARGET_MEMORY
-    std::string md5;
-    uint64_t bytes = 0;
-    int64_t resumed_from = 0;
-    int64_t position = 0;  // reached in the resource
-    double connect_seconds = -1, first_byte_seconds = -1, total_seconds = 0;  // -1: never
-};
-
-// Opens and sends the session. A failure arrives as an event too.
-//
-// resuming  continue the target's file behind its end.
-void start_transfer(transfer* item, bool resuming);
-
-// Reads the results and closes the session. Main thread, after EVENT_COMPLETE.
-transfer_result finish_transfer(transfer* item, uint32_t code);
+// Opens and sends a session for the current URL. A failure arrives as an event too.
+void start_transfer(transfer* item);
 
 transfer_progress get_progress(transfer* item);
 
