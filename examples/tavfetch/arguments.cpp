@@ -229,7 +229,7 @@ static void declare_run(CLI::App* app, arguments* args, raw_arguments* raw) {
         ->type_name("LEVEL")
         ->check(without_description(CLI::IsMember({"error", "info", "detail"})));
     app->add_flag("--json", args->json, "Print one JSON line for each finished transfer");
-    app->set_version_flag("-V,--version", "tavfetch " TAVFETCH_VERSION, "Print the version");
+    app->set_version_flag("-V,--version", "tavfetch " TAV_HTTP_VERSION_TEXT, "Print the version");
 }
 
 int parse_arguments(const std::vector<std::string>& words, arguments* args) {
