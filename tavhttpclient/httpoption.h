@@ -13,14 +13,14 @@ struct header_entry {
     list_link link;
     char* name;
     char* value;
-    uint32_t enabled;  // always 1
+    uint32_t enabled;  // always 1; unread
 };
 LIST_ENTRY_CHECK(header_entry);
 
 // Owned by its session. Written by the host's thread before the session is sent, read-only
 // afterwards, except no_reuse (loop thread). Texts are owned; null means not set.
 struct http_options {
-    http_session* session;
+    http_session* session;  // unread
     uint32_t method;
     char* url;
     proxy_info* proxy;
@@ -31,7 +31,7 @@ struct http_options {
     int32_t keep_alive_timeout;  // ms
     int32_t keep_alive_max;
     uint32_t no_redirect;
-    uint32_t option_2;
+    uint32_t option_2;        // unread
     int32_t connect_timeout;  // ms; 0 or less: the connection layer's default
     int32_t io_timeout;       // ms; less than 1: 30000
     int32_t session_timeout;  // ms; 0 or less: none
