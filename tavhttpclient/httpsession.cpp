@@ -35,7 +35,9 @@ void start_session_flight(http_session* session) {
 void cancel_sessions_in_flight(void) {
     for (list_link* link = sessions_in_flight.next; link != &sessions_in_flight;
          link = link->next) {
-        session_set_flags(_session_of_flight_link(link), 1, 0);
+        http_session* session = _session_of_flight_link(link);
+        session_set_flags(session, 1, 0);
+        abort_network_step(session);
     }
 }
 
@@ -92,10 +94,12 @@ void http_session_free(http_session* session) {
         _release_session(session);
         return;
     }
-    // Steps of it are pending: end it soon, tell the host nothing, release it at its last step.
+    // Steps of it are pending: end it soon, tell the host nothing, release it at its last step. It
+    // waits neither for its turn nor for the network, but for workers and for the host.
     session->close_requested = 1;
     session_set_flags(session, 1, 0);
     if (session->completing == 0) {
+        abort_network_step(session);
         expedite_cancelled_task(session->task);
     }
 }

@@ -46,7 +46,8 @@ bool _check_session_cancel_and_notify(http_session* session) {
     return true;
 }
 
-// Loop thread. The session ends at its next cancel check; no I/O is aborted here.
+// Loop thread. The session ends at its next cancel check: its network step has a time-out of its
+// own, which is no longer than this one.
 static void _on_session_timeout(uv_timer_t* timer) {
     http_session* session = (http_session*)timer->data;
     timer->data = nullptr;

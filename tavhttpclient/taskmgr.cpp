@@ -9,6 +9,7 @@
 #include <stdlib.h>
 
 #include "platform/win_time.h"
+#include "tavhttpclient/httpconnect.h"
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/response_record.h"
 #include "tavhttpclient/log.h"
@@ -409,6 +410,7 @@ static void _cancel_all_running_task(task_list* running) {
         http_session* session = ((http_task*)entry)->session;
         if (session != nullptr) {
             session_set_flags(session, 1, 0);
+            abort_network_step(session);
         }
     }
 }
