@@ -140,6 +140,16 @@ int closesocket(SOCKET sock) {
     return 0;
 }
 
+int ioctlsocket(SOCKET sock, long command, u_long* argument) {
+    int value = (int)*argument;
+    if (ioctl(sock, (unsigned long)command, &value) != 0) {
+        _last_error = errno;
+        return SOCKET_ERROR;
+    }
+    *argument = (u_long)value;
+    return 0;
+}
+
 int WSAGetLastError(void) {
     return _last_error;
 }

@@ -6,7 +6,9 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <stdint.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/types.h>
 
 #include "platform/win_text.h"
 
@@ -80,6 +82,8 @@ SOCKET WSASocketW(int family, int type, int protocol, WSAPROTOCOL_INFOW* info, u
 SOCKET platform_socket(int family, int type, int protocol);
 #define socket(family, type, protocol) platform_socket(family, type, protocol)
 int closesocket(SOCKET sock);
+// As ioctl(). FIONREAD: the bytes that can be read at once.
+int ioctlsocket(SOCKET sock, long command, u_long* argument);
 int WSAGetLastError(void);
 // "{E70F1AA0-AB8B-11CF-8CA3-00805F48A192}"; characters written with the zero, 0 when too small.
 int StringFromGUID2(const GUID* guid, WCHAR* output, int size);

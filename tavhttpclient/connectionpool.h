@@ -2,7 +2,7 @@
 #ifndef TAVHTTPCLIENT_CONNECTIONPOOL_H
 #define TAVHTTPCLIENT_CONNECTIONPOOL_H
 
-#include "tavhttpclient/httpconnect.h"
+#include "tavhttpclient/transport.h"
 
 // Gives an idle connection to the pool. False: the pool did not take it.
 bool add_connection_to_pool(http_connection* conn);

@@ -5,25 +5,21 @@
 //     -> _direct_connect_result | _http_proxy_connect_result | _sock5_proxy_connect_result
 //     -> _on_tcp_connected -> (_on_https_connect_result) -> _notify_connection_result
 //     -> connect_callback
-//
-// A record that is closed while libuv or a worker still has something of it stays in memory, marked
-// `closed`, until the last such completion has released it.
 #include "tavhttpclient/httpconnect.h"
 
 #include <stdlib.h>
 #include <string.h>
 
 #include "platform/win_text.h"
-#include "platform/win_time.h"
 #include "tavhttpclient/connectionpool.h"
-#include "tavhttpclient/httpproxyconnect.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
 #include "tavhttpclient/netbasehttp.h"
+#include "tavhttpclient/proxyconnect.h"
 #include "tavhttpclient/session_record.h"
 #include "tavhttpclient/settings.h"
-#include "tavhttpclient/sock5proxyconnect.h"
 #include "tavhttpclient/util.h"
+#include "tavhttpclient/uvhandle.h"
 #include "tavhttpclient/uvhelper.h"
 
 // What a URL says about the server. The texts are owned.
@@ -34,124 +30,18 @@ struct connect_target {
     int32_t is_https;
 };
 
-static volatile LONG _last_conn_id = 1;
-// Every connection that has not been closed.
-static list_link _open_connections = {&_open_connections, &_open_connections};
+// -------------------------------------------------------------------------------------- ends
 
-// ---------------------------------------------------------------------------------- life time
-
-// A worker may be inside the TLS state until the last hold is released, so it goes with the memory.
-static void _free_connection(http_connection* conn) {
-    tls_ops* ops = get_tls_ops();
-    if (conn->tls != nullptr && ops != nullptr && ops->free_tls_state != nullptr) {
-        ops->free_tls_state(conn->tls);
+void abort_network_step(http_session* session) {
+    http_connection* conn = session != nullptr ? http_connection_of(session) : nullptr;
+    if (conn != nullptr) {
+        http_connection_abort(conn);
     }
-    free(conn->expected_cname);
-    free(conn->host);
-    free(conn->scheme);
-    free_proxy_info(conn->proxy);
-    free(conn);
-}
-
-void http_connection_destroy(http_connection* conn) {
-    conn->closed = 1;
-    list_unlink(&conn->open_link);
-    conn->connect_callback = nullptr;
-    conn->send_callback = nullptr;
-    conn->recv_callback = nullptr;
-    conn->owner = nullptr;
-    conn->holder = nullptr;
-    conn->send_user = nullptr;
-    conn->recv_user = nullptr;
-    close_uv_tcp(&conn->stream);
-    close_uv_timer(&conn->send_timer);
-    close_uv_timer(&conn->recv_timer);
-    if (conn->pending == 0) {
-        _free_connection(conn);
-    }
-}
-
-void http_connection_hold(http_connection* conn) {
-    ++conn->pending;
-}
-
-bool http_connection_release(http_connection* conn) {
-    --conn->pending;
-    if (conn->closed == 0) {
-        return true;
-    }
-    if (conn->pending == 0) {
-        _free_connection(conn);
-    }
-    return false;
-}
-
-// Takes back a hold of an operation that has not started, which nothing can have closed meanwhile.
-static void _unhold(http_connection* conn) {
-    --conn->pending;
-}
-
-bool http_connect_is_cancelled(const http_connection* conn) {
-    const http_session* session = conn->owner != nullptr ? conn->owner : conn->holder;
-    return conn->closed != 0 || (session != nullptr && session_is_cancelled(session));
-}
-
-bool http_connect_close(http_connection* conn) {
-    if (!LOG_ASSERT(is_loop_thread())) {
-        LOG_ERROR("http_connect_close, invalid calling thread.");
-        return false;
-    }
-    if (conn == nullptr) {
-        return false;
-    }
-    LOG_DETAIL("http_connect_close, id=%d", (int)conn->id);
-    http_connection_destroy(conn);
-    return true;
 }
 
 void http_connect_close_all(void) {
     release_connection_pool();
-    while (!list_empty(&_open_connections)) {
-        char* link = (char*)_open_connections.next;
-        http_connection* conn = (http_connection*)(link - offsetof(http_connection, open_link));
-        if (conn->holder != nullptr) {
-            conn->holder->connection = nullptr;
-        }
-        http_connection_destroy(conn);
-    }
-}
-
-// -------------------------------------------------------------------------------- early end
-
-static http_connection* _connection_of(const http_session* session) {
-    for (list_link* link = _open_connections.next; link != &_open_connections; link = link->next) {
-        http_connection* conn =
-            (http_connection*)((char*)link - offsetof(http_connection, open_link));
-        if (conn->owner == session || conn->holder == session) {
-            return conn;
-        }
-    }
-    return nullptr;
-}
-
-// The time-outs of the plain transport serve the handshakes and records of TLS too.
-void abort_network_step(http_session* session) {
-    http_connection* conn = session != nullptr ? _connection_of(session) : nullptr;
-    if (conn == nullptr) {
-        return;
-    }
-    if (conn->abort_step != nullptr) {
-        conn->abort_step(conn->step);
-    }
-    expire_uv_timer(conn->send_timer);
-    expire_uv_timer(conn->recv_timer);
-}
-
-void http_connection_set_step(http_connection* conn, void (*abort_step)(void* step), void* step) {
-    if (conn != nullptr) {
-        conn->abort_step = abort_step;
-        conn->step = step;
-    }
+    http_connection_destroy_all();
 }
 
 // ------------------------------------------------------------------------------------ result
@@ -238,70 +128,57 @@ static void _direct_connect_result(uint32_t status, uv_tcp_t* tcp,
     _on_tcp_connected(conn);
 }
 
-// Takes the tunnel's handle over; false when the proxy did not bring one.
-static bool _take_proxy_result(http_connection* conn, const char* function, uint32_t status,
-                               uv_tcp_t* tcp) {
-    if (status != TAV_HTTP_ERROR_CODE_OK) {
-        if (!LOG_ASSERT_IN(function, tcp == nullptr)) {
-            close_uv_tcp(&tcp);
+static const proxy_kind* const proxy_kinds[] = {&http_proxy_kind, &sock5_proxy_kind};
+
+static const proxy_kind* _find_proxy_kind(uint32_t type) {
+    for (const proxy_kind* kind : proxy_kinds) {
+        if (kind->type == type) {
+            return kind;
         }
-        free_proxy_info(conn->proxy);
-        conn->proxy = nullptr;
-        return false;
     }
-    if (!LOG_ASSERT_IN(function, conn->stream == nullptr)) {
-        close_uv_tcp(&conn->stream);
-    }
-    conn->stream = tcp;
-    return LOG_ASSERT_IN(function, tcp != nullptr);
+    return nullptr;
 }
 
-// Loop thread. From both proxy results; next _on_tcp_connected.
-static void _on_proxy_result(http_connection* conn, const char* function, uint32_t status,
+static void _on_proxy_failed(http_connection* conn, const proxy_kind* kind, uint32_t status,
                              uv_tcp_t* tcp) {
+    if (!LOG_ASSERT_IN(kind->result_name, tcp == nullptr)) {
+        close_uv_tcp(&tcp);
+    }
+    free_proxy_info(conn->proxy);
+    conn->proxy = nullptr;
+    LOG_INFO("%s, failed, result=%d", kind->result_name, (int)status);
+    _notify_connection_result(conn, status);
+}
+
+// Loop thread. From _start_proxy; next _on_tcp_connected.
+static void _on_proxy_result(uint32_t status, uv_tcp_t* tcp, const struct sockaddr_storage* address,
+                             proxy_info* proxy, http_connection* conn) {
+    (void)address;
     http_connection_set_step(conn, nullptr, nullptr);
     if (!http_connection_release(conn)) {
         close_uv_tcp(&tcp);
         return;
     }
-    if (_take_proxy_result(conn, function, status, tcp)) {
-        _on_tcp_connected(conn);
+    const proxy_kind* kind = _find_proxy_kind(proxy->type);
+    if (status != TAV_HTTP_ERROR_CODE_OK) {
+        _on_proxy_failed(conn, kind, status, tcp);
         return;
     }
-    if (status == TAV_HTTP_ERROR_CODE_OK) {
-        status = TAV_HTTP_ERROR_CODE_FAIL_CONNECT;  // Success without a handle is none.
+    if (!LOG_ASSERT_IN(kind->result_name, conn->stream == nullptr)) {
+        close_uv_tcp(&conn->stream);
     }
-    _notify_connection_result(conn, status);
-}
-
-// Loop thread. From _start_proxy.
-static void _http_proxy_connect_result(uint32_t status, uv_tcp_t* tcp,
-                                       const struct sockaddr_storage* address, proxy_info* proxy,
-                                       http_connection* conn) {
-    (void)address;
-    (void)proxy;
-    if (status != TAV_HTTP_ERROR_CODE_OK && conn->closed == 0) {
-        LOG_INFO("_http_proxy_connect_result, failed, result=%d", (int)status);
+    conn->stream = tcp;
+    if (!LOG_ASSERT_IN(kind->result_name, tcp != nullptr)) {
+        _notify_connection_result(conn, TAV_HTTP_ERROR_CODE_FAIL_CONNECT);
+        return;
     }
-    _on_proxy_result(conn, "_http_proxy_connect_result", status, tcp);
-}
-
-// Loop thread. From _start_proxy.
-static void _sock5_proxy_connect_result(uint32_t status, uv_tcp_t* tcp,
-                                        const struct sockaddr_storage* address, proxy_info* proxy,
-                                        http_connection* conn) {
-    (void)address;
-    (void)proxy;
-    if (status != TAV_HTTP_ERROR_CODE_OK && conn->closed == 0) {
-        LOG_INFO("_sock5_proxy_connect_result, failed, result=%d", (int)status);
-    }
-    _on_proxy_result(conn, "_sock5_proxy_connect_result", status, tcp);
+    _on_tcp_connected(conn);
 }
 
 // ------------------------------------------------------------------------------------- start
 
 static bool _is_connect_cancelled(void* user_data) {
-    return http_connect_is_cancelled((const http_connection*)user_data);
+    return http_connection_is_cancelled((const http_connection*)user_data);
 }
 
 static uint32_t _start_direct(http_connection* conn, int32_t budget) {
@@ -314,7 +191,7 @@ static uint32_t _start_direct(http_connection* conn, int32_t budget) {
     uint32_t err = uv_connect_timeout(conn->host, conn->port, budget, conn, _direct_connect_result,
                                       _is_connect_cancelled);
     if (err != 0) {
-        _unhold(conn);
+        http_connection_unhold(conn);
         LOG_INFO("_on_async_start_connect, _start_dns failed.");
     }
     return err;
@@ -322,28 +199,18 @@ static uint32_t _start_direct(http_connection* conn, int32_t budget) {
 
 // The proxy is asked for the URL's server for http as for https.
 static uint32_t _start_proxy(http_connection* conn, int32_t budget) {
-    uint32_t err = 0;
-    http_connection_hold(conn);
-    if (is_valid_http_proxy(conn->proxy)) {
-        err = http_proxy_connect(conn->host, conn->port, conn->proxy, conn, budget,
-                                 _http_proxy_connect_result);
-        if (err != 0) {
-            LOG_ERROR("_on_async_start_connect, http_proxy_connect failed, err=%d.", (int)err);
-        }
-    } else if (is_valid_sock5_proxy(conn->proxy)) {
-        err = sock5_proxy_connect(conn->host, conn->port, conn->proxy, conn, budget,
-                                  _sock5_proxy_connect_result);
-        if (err != 0) {
-            LOG_ERROR("_on_async_start_connect, sock5_proxy_connect failed, err=%d.", (int)err);
-        }
-    } else {
-        _unhold(conn);
+    const proxy_kind* kind = _find_proxy_kind(conn->proxy->type);
+    if (kind == nullptr || !kind->valid(conn->proxy)) {
         LOG_INFO("_on_async_start_connect, invalid proxy info, proxy-type=%d.",
                  (int)conn->proxy->type);
         return TAV_HTTP_ERROR_CODE_INVALID_PROXY;
     }
+    http_connection_hold(conn);
+    uint32_t err =
+        kind->connect(conn->host, conn->port, conn->proxy, conn, budget, _on_proxy_result);
     if (err != 0) {
-        _unhold(conn);
+        http_connection_unhold(conn);
+        LOG_ERROR("_on_async_start_connect, %s failed, err=%d.", kind->name, (int)err);
     }
     return err;
 }
@@ -396,7 +263,7 @@ static uint32_t _start_pooled(http_connection* conn, connect_target* target, htt
              (int)conn->id, shown_url, (int)conn->reuse_count);
     http_connection_hold(conn);
     if (!async_run(_on_async_notify_connection_result, conn)) {
-        _unhold(conn);
+        http_connection_unhold(conn);
         LOG_ERROR("http_connect_start, async_run _on_async_notify_connection_result fail.");
         http_connection_destroy(conn);
         return TAV_HTTP_ERROR_CODE_FAIL_START_ASYNC;
@@ -421,11 +288,12 @@ static http_connection* _new_connection(connect_target* target, const proxy_info
     // Without its copy the connection would pass by the proxy, or skip the name check.
     if ((proxy != nullptr && conn->proxy == nullptr) ||
         (expected_cname != nullptr && conn->expected_cname == nullptr)) {
-        _free_connection(conn);
+        free(conn->expected_cname);
+        free_proxy_info(conn->proxy);
+        free(conn);
         return nullptr;
     }
-    list_append(&_open_connections, &conn->open_link);
-    conn->id = next_id(&_last_conn_id);
+    http_connection_open(conn);
     conn->port = target->port;
     conn->host = target->host;
     conn->scheme = target->scheme;
@@ -449,7 +317,7 @@ static uint32_t _start_new(http_connection* conn, http_session* owner, int32_t c
     conn->connect_callback = _on_http_connect_result;
     http_connection_hold(conn);
     if (!async_run(_on_async_start_connect, conn)) {
-        _unhold(conn);
+        http_connection_unhold(conn);
         LOG_INFO("http_connect_start, async_run fail, conn-id=%d, url=%s", (int)conn->id,
                  shown_url);
         http_connection_destroy(conn);

@@ -11,7 +11,9 @@
 
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
+#include "tavhttpclient/transport.h"
 #include "tavhttpclient/util.h"
+#include "tavhttpclient/uvhandle.h"
 #include "tavhttpclient/uvhelper.h"
 
 enum {
@@ -306,7 +308,7 @@ static void _basic_auth_on_connect_result(uint32_t status, uv_tcp_t* tcp,
 
 static bool _basic_auth_is_cancelled(void* user_data) {
     const http_connection* user = ((basic_auth_ctx*)user_data)->owner->user;
-    return user != nullptr && http_connect_is_cancelled(user);
+    return user != nullptr && http_connection_is_cancelled(user);
 }
 
 static void _abort_basic_auth(void* step) {
@@ -375,3 +377,7 @@ uint32_t http_proxy_connect(const char* host, uint16_t port, proxy_info* proxy,
     }
     return err;
 }
+
+const proxy_kind http_proxy_kind = {TAV_HTTP_PROXY_HTTP, "http_proxy_connect",
+                                    "_http_proxy_connect_result", is_valid_http_proxy,
+                                    http_proxy_connect};

@@ -17,7 +17,7 @@
 
 #include "platform/win_file.h"
 #include "tavhttpclient/fs.h"
-#include "tavhttpclient/httpconnect.h"
+#include "tavhttpclient/transport.h"
 #include "tavhttpclient/httprequest_items.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"

@@ -13,7 +13,7 @@
 #include <string.h>
 
 #include "tavhttpclient/fs.h"
-#include "tavhttpclient/httpconnect.h"
+#include "tavhttpclient/transport.h"
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httpresponse_body.h"
 #include "tavhttpclient/log.h"

@@ -7,7 +7,7 @@
 
 #include "platform/win_time.h"
 #include "tavhttpclient/connectionpool.h"
-#include "tavhttpclient/httpconnect.h"
+#include "tavhttpclient/transport.h"
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httprequest.h"
 #include "tavhttpclient/httpresponse.h"

@@ -6,7 +6,7 @@
 #include <stdlib.h>
 
 #include "tavhttpclient/fs.h"
-#include "tavhttpclient/httpconnect.h"
+#include "tavhttpclient/transport.h"
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httprequest.h"
 #include "tavhttpclient/httpresponse.h"

@@ -18,7 +18,7 @@
 #include "tavhttpclient/statistics.h"
 #include "tavhttpclient/taskmgr.h"
 #include "tavhttpclient/util.h"
-#include "tavhttpclient/uvhelper.h"
+#include "tavhttpclient/uvhandle.h"
 
 enum {
     DEFAULT_IO_TIMEOUT = 30000  // ms

@@ -13,7 +13,6 @@
 #include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/httpsession.h"
 #include "tavhttpclient/log.h"
-#include "tavhttpclient/netbasehttp.h"
 #include "tavhttpclient/settings.h"
 #include "tavhttpclient/statistics.h"
 #include "tavhttpclient/taskmgr.h"

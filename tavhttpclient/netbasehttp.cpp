@@ -10,35 +10,7 @@
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
 #include "tavhttpclient/statistics.h"
-#include "tavhttpclient/uvhelper.h"
-
-// --------------------------------------------------------------------------------- TLS table
-
-static tls_ops* _tls_ops = nullptr;
-
-tls_ops* get_tls_ops(void) {
-    return _tls_ops;
-}
-
-void set_tls_ops(tls_ops* ops) {
-    _tls_ops = ops;
-}
-
-uint32_t https_send(http_connection* conn, void* user, const char* data, int32_t length,
-                    int32_t timeout, http_send_cb callback) {
-    if (_tls_ops == nullptr || _tls_ops->https_send == nullptr) {
-        return TAV_HTTP_ERROR_CODE_NOT_SUPPORT_HTTPS;
-    }
-    return _tls_ops->https_send(conn, user, data, length, timeout, callback);
-}
-
-uint32_t https_recv(http_connection* conn, void* user, char* buffer, uint32_t size, int32_t timeout,
-                    http_recv_cb callback) {
-    if (_tls_ops == nullptr || _tls_ops->https_recv == nullptr) {
-        return TAV_HTTP_ERROR_CODE_NOT_SUPPORT_HTTPS;
-    }
-    return _tls_ops->https_recv(conn, user, buffer, size, timeout, callback);
-}
+#include "tavhttpclient/uvhandle.h"
 
 // Starts the timer of one direction, made on first use; it lives as long as the connection.
 static bool _start_io_timer(uv_timer_t** timer, uv_loop_t* loop, http_connection* conn,

@@ -31,7 +31,6 @@
 
 #include "platform/win_text.h"
 #include "platform/win_time.h"
-#include "tavhttpclient/httpconnect.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
 #include "tavhttpclient/netbasehttp.h"
@@ -247,7 +246,7 @@ static bool _is_overdue(const tls_state* state) {
 // Whether the pump may go to the network; else what it continues with. A session that is cancelled
 // waits for no peer.
 static uint32_t _check_network_step(const http_connection* conn, bool wants_read) {
-    if (http_connect_is_cancelled(conn)) {
+    if (http_connection_is_cancelled(conn)) {
         return TAV_HTTP_ERROR_CODE_CANCEL;
     }
     return wants_read && _is_overdue(conn->tls) ? TAV_HTTP_ERROR_CODE_RECV_TIMEOUT : 0;

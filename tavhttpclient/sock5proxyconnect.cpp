@@ -11,11 +11,13 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "platform/win_socket.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
+#include "tavhttpclient/transport.h"
 #include "tavhttpclient/util.h"
+#include "tavhttpclient/uvhandle.h"
 #include "tavhttpclient/uvhelper.h"
+#include "tavhttpclient/uvread.h"
 
 enum {
     SOCKS_VERSION = 5,
@@ -100,7 +102,7 @@ static bool _append_counted(text_buffer* buffer, const char* text) {
 
 static bool _is_cancelled(void* user_data) {
     const http_connection* user = ((sock5_ctx*)user_data)->user;
-    return user != nullptr && http_connect_is_cancelled(user);
+    return user != nullptr && http_connection_is_cancelled(user);
 }
 
 static int _write_message(sock5_ctx* ctx, uv_write_cb callback) {
@@ -458,3 +460,7 @@ uint32_t sock5_proxy_connect(const char* host, uint16_t port, proxy_info* proxy,
     http_connection_set_step(user, _abort_handshake, ctx);
     return 0;
 }
+
+const proxy_kind sock5_proxy_kind = {TAV_HTTP_PROXY_SOCKS5, "sock5_proxy_connect",
+                                     "_sock5_proxy_connect_result", is_valid_sock5_proxy,
+                                     sock5_proxy_connect};

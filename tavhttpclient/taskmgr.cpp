@@ -16,7 +16,7 @@
 #include "tavhttpclient/loop.h"
 #include "tavhttpclient/session_record.h"
 #include "tavhttpclient/settings.h"
-#include "tavhttpclient/uvhelper.h"
+#include "tavhttpclient/uvhandle.h"
 
 enum {
     LARGE_DOWNLOAD_BYTES = 2000000,

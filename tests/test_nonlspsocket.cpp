@@ -7,6 +7,7 @@
 
 #include <algorithm>
 
+#include "tavhttpclient/uvhandle.h"
 #include "tavhttpclient/uvhelper.h"
 #include "tests/support/fake_system.h"
 #include "tests/support/host.h"

@@ -6,6 +6,9 @@
 
 #include <chrono>
 
+#include "tavhttpclient/util.h"
+#include "tavhttpclient/uvhandle.h"
+#include "tavhttpclient/uvread.h"
 #include "tests/support/fake_system.h"
 #include "tests/support/host.h"
 
