@@ -17,8 +17,10 @@
 #include "tavhttpclient/loop.h"
 #include "tavhttpclient/util.h"
 
-#define DEFAULT_KEEPALIVE_TIMEOUT 10000  // ms
-#define CLEANUP_INTERVAL 30000           // ms
+enum {
+    DEFAULT_KEEPALIVE_TIMEOUT = 10000,  // ms
+    CLEANUP_INTERVAL = 30000            // ms
+};
 
 // One per idle connection, which it owns.
 struct pool_entry {
@@ -47,7 +49,7 @@ struct connection_pool {
     uint32_t miss_count;
 };
 
-static connection_pool* _pool = nullptr;
+static connection_pool* idle_pool = nullptr;
 
 static int _compare_pool_key(const pool_node* first, const pool_node* second) {
     if (first->is_https != second->is_https) {
@@ -67,7 +69,7 @@ static pool_node* _find_node(int32_t is_https, const char* host, uint16_t port) 
     key.is_https = is_https;
     key.host = (char*)host;
     key.port = port;
-    return pool_tree_RB_FIND(_pool->tree, &key);
+    return pool_tree_RB_FIND(idle_pool->tree, &key);
 }
 
 // ------------------------------------------------------------------------------------ insert
@@ -82,7 +84,7 @@ static connection_pool* _new_pool(void) {
     }
     RB_INIT(tree);
     pool->tree = tree;
-    pool->last_cleanup_time = GetTickCount();
+    pool->last_cleanup_time = GetTickCount64();
     return pool;
 }
 
@@ -99,7 +101,7 @@ static pool_node* _add_node(const http_connection* conn) {
         return nullptr;
     }
     list_init(&node->idle_list);
-    pool_tree_RB_INSERT(_pool->tree, node);
+    pool_tree_RB_INSERT(idle_pool->tree, node);
     return node;
 }
 
@@ -117,7 +119,7 @@ static bool _add_connection(http_connection* conn) {
         return false;
     }
     entry->conn = conn;
-    entry->added_time = GetTickCount();
+    entry->added_time = GetTickCount64();
     list_insert_front(&node->idle_list, &entry->link);
     return true;
 }
@@ -127,10 +129,10 @@ bool add_connection_to_pool(http_connection* conn) {
     if (conn == nullptr) {
         return false;
     }
-    if (_pool == nullptr) {
-        _pool = _new_pool();
+    if (idle_pool == nullptr) {
+        idle_pool = _new_pool();
     }
-    if (_pool == nullptr) {
+    if (idle_pool == nullptr) {
         return false;
     }
     if (conn->keepalive_timeout == 0) {
@@ -142,7 +144,7 @@ bool add_connection_to_pool(http_connection* conn) {
 // ------------------------------------------------------------------------------------ lookup
 
 static bool _is_expired(const pool_entry* entry) {
-    return GetTickCount() > entry->added_time + entry->conn->keepalive_timeout;
+    return GetTickCount64() > entry->added_time + entry->conn->keepalive_timeout;
 }
 
 static bool _is_used_up(const http_connection* conn) {
@@ -154,16 +156,18 @@ static http_connection* _get_connection(int32_t is_https, const char* host, uint
     while (node != nullptr && !list_empty(&node->idle_list)) {
         pool_entry* entry = (pool_entry*)list_take_first(&node->idle_list);
         http_connection* conn = entry->conn;
-        bool usable = !_is_expired(entry) && !_is_used_up(conn);
+        // What waits on the connection would be taken for the next answer.
+        bool usable =
+            !_is_expired(entry) && !_is_used_up(conn) && !http_connection_has_unread(conn);
         free(entry);
         if (usable) {
             ++conn->reuse_count;
-            ++_pool->hit_count;
+            ++idle_pool->hit_count;
             return conn;
         }
         http_connect_close(conn);
     }
-    ++_pool->miss_count;
+    ++idle_pool->miss_count;
     return nullptr;
 }
 
@@ -187,21 +191,22 @@ static void _cleanup_node(pool_node* node, int32_t* clean, int32_t* total) {
 static void _cleanup_timeout_connection(void) {
     int32_t clean = 0;
     int32_t total = 0;
-    if (_pool == nullptr || GetTickCount() < _pool->last_cleanup_time + CLEANUP_INTERVAL) {
+    if (idle_pool == nullptr ||
+        GetTickCount64() < idle_pool->last_cleanup_time + CLEANUP_INTERVAL) {
         return;
     }
-    _pool->last_cleanup_time = GetTickCount();
+    idle_pool->last_cleanup_time = GetTickCount64();
     pool_node* node = nullptr;
-    RB_FOREACH(node, pool_tree, _pool->tree) {
+    RB_FOREACH(node, pool_tree, idle_pool->tree) {
         _cleanup_node(node, &clean, &total);
     }
     LOG_INFO("_cleanup_timeout_connection, clean=%d, total=%d, cache-hit=%d/%d", clean, total,
-             (int)_pool->hit_count, (int)(_pool->hit_count + _pool->miss_count));
+             (int)idle_pool->hit_count, (int)(idle_pool->hit_count + idle_pool->miss_count));
 }
 
 http_connection* get_connection_from_pool(int32_t is_https, const char* host, uint16_t port) {
     LOG_ASSERT(is_loop_thread());
-    if (_pool == nullptr || host == nullptr || host[0] == '\0' || port == 0) {
+    if (idle_pool == nullptr || host == nullptr || host[0] == '\0' || port == 0) {
         return nullptr;
     }
     _cleanup_timeout_connection();
@@ -213,7 +218,6 @@ http_connection* get_connection_from_pool(int32_t is_https, const char* host, ui
 static void _release_node(pool_node* node) {
     while (!list_empty(&node->idle_list)) {
         pool_entry* entry = (pool_entry*)list_take_first(&node->idle_list);
-        // The loop is being taken down and no longer answers for its thread.
         http_connection_destroy(entry->conn);
         free(entry);
     }
@@ -222,8 +226,8 @@ static void _release_node(pool_node* node) {
 }
 
 void release_connection_pool(void) {
-    connection_pool* pool = _pool;
-    _pool = nullptr;
+    connection_pool* pool = idle_pool;
+    idle_pool = nullptr;
     if (pool == nullptr) {
         return;
     }

@@ -469,12 +469,24 @@ static void _https_connect(void* argument) {
     }
 }
 
+// Between two requests. The engine takes in what came with the last response: records without data
+// leave nothing to be read, and an orderly end is found by the next receive.
+static bool _has_unread(http_connection* conn) {
+    char byte = 0;
+    SSL* ssl = conn->tls->ssl;
+    ERR_clear_error();
+    int result = SSL_peek(ssl, &byte, 1);
+    int error = SSL_get_error(ssl, result);
+    return result > 0 || (error != SSL_ERROR_ZERO_RETURN && _is_fatal_ssl_error(error));
+}
+
 static uint32_t _start_https_connect(http_connection* conn, http_connect_cb callback) {
     if (!LOG_ASSERT_IN("https_connect", conn != nullptr && callback != nullptr)) {
         return TAV_HTTP_ERROR_CODE_FAIL_CONNECT;
     }
     if (conn->tls == nullptr) {
         conn->tls = _create_tls_state();
+        conn->has_unread = _has_unread;
     }
     if (conn->tls == nullptr) {
         return TAV_HTTP_ERROR_CODE_FAIL_CONNECT;

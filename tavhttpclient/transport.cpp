@@ -140,11 +140,11 @@ void http_connection_abort(http_connection* conn) {
     expire_uv_timer(conn->recv_timer);
 }
 
-bool http_connection_has_unread(const http_connection* conn) {
+bool http_connection_has_unread(http_connection* conn) {
     uv_os_fd_t descriptor;
     u_long waiting = 0;
-    if (conn->unread != 0) {
-        return true;
+    if (conn->has_unread != nullptr) {
+        return conn->has_unread(conn);
     }
     return conn->stream != nullptr &&
            uv_fileno((const uv_handle_t*)conn->stream, &descriptor) == 0 &&

@@ -41,13 +41,14 @@ struct http_connection {
     uint16_t port;
     proxy_info* proxy;  // own copy, or null
     int32_t is_https;
-    int32_t connect_timeout;     // ms; 0 or less: the default
-    tls_state* tls;              // made at the handshake
-    char* expected_cname;        // null: no check
-    uint32_t keepalive_timeout;  // ms the connection may stay idle in the pool
-    uint32_t max_reuse;          // 0: no limit
-    uint32_t reuse_count;        // how often it was taken from the pool
-    http_send_op send;           // installed when the connection is reported
+    int32_t connect_timeout;                    // ms; 0 or less: the default
+    tls_state* tls;                             // made at the handshake
+    bool (*has_unread)(http_connection* conn);  // set with `tls`: data lies behind the last receive
+    char* expected_cname;                       // null: no check
+    uint32_t keepalive_timeout;                 // ms the connection may stay idle in the pool
+    uint32_t max_reuse;                         // 0: no limit
+    uint32_t reuse_count;                       // how often it was taken from the pool
+    http_send_op send;                          // installed when the connection is reported
     http_recv_op recv;
 
     // Plain transport.
@@ -74,7 +75,6 @@ struct http_connection {
     http_session* holder;  // session whose `connection` points here, or null
     int32_t pending;       // operations of libuv whose completion will touch this record
     uint8_t closed;        // destroyed but for `pending`; nothing may be reported any more
-    uint8_t unread;        // TLS: received bytes lie behind the last receive's
     list_link open_link;   // in the list of all connections of the loop
 };
 
@@ -109,8 +109,9 @@ void http_connection_set_step(http_connection* conn, void (*abort_step)(void* st
 // comes on a later turn.
 void http_connection_abort(http_connection* conn);
 
-// True when the peer has sent something that nobody asked for. An orderly end is nothing.
-bool http_connection_has_unread(const http_connection* conn);
+// True when the peer of an idle connection has sent something that nobody asked for. An orderly end
+// is nothing; nor are tickets and new keys, so of TLS only what the engine has got already counts.
+bool http_connection_has_unread(http_connection* conn);
 
 // ---------------------------------------------------------------------------------------- TLS
 

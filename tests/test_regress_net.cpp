@@ -120,7 +120,50 @@ TEST(RegressNet, AnAbortEndsThePendingNetworkStep) {
     }
 }
 
+// Bytes that nobody asked for would be taken for the next answer; the next entry is tried instead.
+TEST(RegressNet, AKeptConnectionOnWhichBytesWaitIsClosed) {
+    const std::string kept = response(200, "mine", "Connection: keep-alive\r\n");
+    library lib;
+    scripted_server server(
+        std::vector<script>{{expect_request(), send_text(kept), expect_request(), send_text(kept)},
+                            {expect_request(), send_text(kept), stall(),
+                             send_text(response(408, "late")), close_now()}});
+    transfer first(server.url()), second(server.url());
+    expect_code(0, first.run());
+    second.set(TAV_HTTP_OPTION_NO_REUSE, 1);
+    expect_code(0, second.run());
+    server.release();
+    ASSERT_TRUE(server.wait_for_disconnects(1));
+    transfer third(server.url());
+    expect_code(0, third.run());
+    EXPECT_EQ("mine", third.body());
+    EXPECT_EQ(2u, server.connection_count());
+}
+
 #if TAV_HTTP_WITH_TLS
+// In a record of its own, which the engine has got together with the first one's.
+TEST(RegressNet, ASecondTlsResponseIsNobodysAnswer) {
+    const std::size_t record = 16384;
+    const std::string extra = "Connection: keep-alive\r\n";
+    std::string kept = response(200, std::string(10000, 'm'), extra);
+    kept = response(200, std::string(10000 + record - kept.size(), 'm'), extra);
+    ASSERT_EQ(record, kept.size());
+    library lib;
+    tls_server server([&](tls_peer& peer) {
+        std::string request;
+        if (peer.accept() && peer.read_request(&request)) {
+            peer.write(kept + response(200, "not mine"));
+            peer.read_request(&request);
+        }
+    });
+    for (int i = 0; i < 2; ++i) {
+        transfer one(server.url());
+        expect_code(0, one.run());
+        EXPECT_EQ('m', one.body()[0]);
+    }
+    EXPECT_EQ(2, server.connection_count());
+}
+
 // A peer that sends a record a byte at a time is in time with every one of them.
 TEST(RegressNet, ADrippingTlsPeerKeepsNoSession) {
     library lib;
