@@ -234,7 +234,8 @@ WRAP(int, inflate, (z_stream * stream, int flush), (stream, flush), Z_MEM_ERROR)
 // ------------------------------------------------------------------------------ files, sockets
 
 // With 64-bit file offsets the C library's headers refer to these names.
-WRAP_ERRNO(FILE*, fopen64, (const char* path, const char* mode), (path, mode), nullptr, EMFILE)
+WRAP_ERRNO(int, open64, (const char* path, int flags, mode_t mode), (path, flags, mode), -1, EMFILE)
+WRAP_ERRNO(FILE*, fdopen, (int file, const char* mode), (file, mode), nullptr, ENOMEM)
 WRAP_ERRNO(int, fseeko64, (FILE * file, off64_t offset, int origin), (file, offset, origin), -1,
            EIO)
 WRAP_ERRNO(off64_t, ftello64, (FILE * file), (file), -1, EIO)
