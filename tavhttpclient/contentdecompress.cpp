@@ -1,6 +1,6 @@
 // Streaming decoders of gzip and deflate bodies.
 //
-// decompress_gzip | decompress_deflate -> _start_stream (first piece) -> inflate_stream
+// decompress_gzip | decompress_deflate -> inflate_stream
 //
 // The stream lives from the first piece of a body to its own end or to the first failure; a piece
 // that comes after either starts a new one.
@@ -16,7 +16,8 @@ enum {
 };
 
 enum {
-    WINDOW_BITS_GZIP_OR_ZLIB = 47,  // 15, and 32 for "look at the header"
+    WINDOW_BITS_ZLIB = 15,
+    WINDOW_BITS_GZIP_OR_ZLIB = 47,  // 32 more: zlib looks at the header
     WINDOW_BITS_RAW_DEFLATE = -15
 };
 
@@ -98,21 +99,14 @@ bool inflate_stream(content_decoder* decoder, text_buffer* output) {
     return code == Z_STREAM_END && ended;
 }
 
-static bool _start_stream(content_decoder* decoder, bool gzip) {
-    if (decoder->initialised != 0) {
-        return true;
-    }
-    memset(&decoder->stream, 0, sizeof(decoder->stream));
-    int code = gzip ? inflateInit2(&decoder->stream, WINDOW_BITS_GZIP_OR_ZLIB)
-                    : inflateInit(&decoder->stream);
-    decoder->initialised = code == Z_OK ? 1 : 0;
-    return code == Z_OK;
-}
-
-static bool _decompress(content_decoder* decoder, bool gzip, const void* data, uint32_t length,
-                        text_buffer* output) {
-    if (!_start_stream(decoder, gzip)) {
-        return false;
+static bool _decompress(content_decoder* decoder, int window_bits, const void* data,
+                        uint32_t length, text_buffer* output) {
+    if (decoder->initialised == 0) {
+        memset(&decoder->stream, 0, sizeof(decoder->stream));
+        if (inflateInit2(&decoder->stream, window_bits) != Z_OK) {
+            return false;
+        }
+        decoder->initialised = 1;
     }
     decoder->stream.next_in = (Bytef*)data;  // zlib only reads it
     decoder->stream.avail_in = length;
@@ -124,7 +118,7 @@ bool decompress_gzip(content_decoder* decoder, const void* data, uint32_t length
     if (!LOG_ASSERT(decoder != nullptr && output != nullptr)) {
         return false;
     }
-    return _decompress(decoder, true, data, length, output);
+    return _decompress(decoder, WINDOW_BITS_GZIP_OR_ZLIB, data, length, output);
 }
 
 bool decompress_deflate(content_decoder* decoder, const void* data, uint32_t length,
@@ -132,5 +126,5 @@ bool decompress_deflate(content_decoder* decoder, const void* data, uint32_t len
     if (!LOG_ASSERT(decoder != nullptr && output != nullptr)) {
         return false;
     }
-    return _decompress(decoder, false, data, length, output);
+    return _decompress(decoder, WINDOW_BITS_ZLIB, data, length, output);
 }

@@ -6,13 +6,13 @@
 #include <stdlib.h>
 
 #include "tavhttpclient/fs.h"
-#include "tavhttpclient/transport.h"
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httprequest.h"
 #include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/httpsession_steps.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
+#include "tavhttpclient/transport.h"
 #include "tavhttpclient/util.h"
 
 enum {
@@ -174,8 +174,8 @@ static void _finish_range_not_satisfiable(http_session* session) {
              "without range, id=%d",
              (int32_t)session->id);
     const http_options* options = session->options;
-    if (options->resume != 0 && options->download_file != nullptr &&
-        options->download_file[0] != '\0') {
+    if (options->resume != 0 && !is_empty_text(options->download_file) &&
+        !tavhttp_is_special_file(options->download_file)) {
         int32_t err = tavhttp_remove(options->download_file);
         if (err != 0) {
             // An errno number with libuv's text for it: the pair has always been logged like this.

@@ -70,6 +70,11 @@ TEST(RegressFile, SpecialFilesAreNeitherReadNorReplacedNorWaitedFor) {
             get.set(TAV_HTTP_OPTION_RESUME, resume);
             EXPECT_EQ(code::open_file, get.run());
         }
+        scripted_server refusing(reply_with(response(416, "no")));
+        transfer get(refusing.url());
+        get.set(TAV_HTTP_OPTION_DOWNLOAD_FILE, path);
+        get.set(TAV_HTTP_OPTION_RESUME, 1u);
+        EXPECT_EQ(code::status, get.run());
     }
     EXPECT_THAT(dir.names(), ElementsAre("device", "fifo", "socket"));
 }

@@ -225,8 +225,6 @@ WRAP(int, EVP_DigestUpdate, (EVP_MD_CTX * context, const void* data, size_t leng
      (context, data, length), 0)
 WRAP(int, EVP_DigestFinal_ex, (EVP_MD_CTX * context, unsigned char* digest, unsigned* length),
      (context, digest, length), 0)
-WRAP(int, inflateInit_, (z_stream * stream, const char* version, int size), (stream, version, size),
-     Z_MEM_ERROR)
 WRAP(int, inflateInit2_, (z_stream * stream, int bits, const char* version, int size),
      (stream, bits, version, size), Z_MEM_ERROR)
 WRAP(int, inflate, (z_stream * stream, int flush), (stream, flush), Z_MEM_ERROR)
