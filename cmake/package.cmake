@@ -56,6 +56,7 @@ endif()
 install(FILES
     tavhttpclient/tavhttpclient.h
     tavhttpclient/tavhttpclient.hpp
+    tavhttpclient/tavhttpclient_typed.h
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/tavhttpclient" COMPONENT dev)
 install(FILES
     "${PROJECT_BINARY_DIR}/tavhttpclient-config.cmake"

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <sstream>
 #include <thread>
 
 #include "tavhttpclient/tavhttpclient.hpp"
@@ -21,7 +22,7 @@ using testing::IsEmpty;
 using options = tavhttp::session&;
 
 constexpr auto get = tavhttp::method::get;
-constexpr errc invalid_arg = errc::TAV_HTTP_ERROR_CODE_INVALID_ARG;
+constexpr errc invalid_arg = errc::invalid_arg;
 
 // Sends and waits for the outcome.
 std::error_code run(tavhttp::session& session) {
@@ -37,13 +38,20 @@ std::error_code run(tavhttp::session& session) {
                : tavhttp::make_error(not_completed);
 }
 
-TEST(CppErrors, NameTheCode) {
-    std::error_code code = errc::TAV_HTTP_ERROR_CODE_SVR_RETURN_ERROR;
-    EXPECT_EQ("TAV_HTTP_ERROR_CODE_SVR_RETURN_ERROR", code.message());
+TEST(CppErrors, SayInWordsWhatHappened) {
+    std::error_code code = errc::svr_return_error;
+    EXPECT_EQ("the server answered with a status that is no success", code.message());
+    EXPECT_EQ("the TLS connection failed", tavhttp::make_error(0xFFFFFFFF).message());
     EXPECT_EQ(tavhttp::make_error(0x40003), code);
+    EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_SVR_RETURN_ERROR, code);
     EXPECT_NE(std::error_code(0x40003, std::system_category()), code);
-    EXPECT_EQ("TAV_HTTP_ERROR_CODE_UNKNOWN", tavhttp::make_error(0x20007).message());
     EXPECT_FALSE(tavhttp::make_error(0));
+    EXPECT_EQ(std::errc::timed_out, tavhttp::make_error_code(errc::recv_timeout));
+    EXPECT_EQ(std::errc::operation_canceled, tavhttp::make_error_code(errc::cancel));
+    EXPECT_NE(std::errc::timed_out, tavhttp::make_error_code(errc::fail_connect));
+#define EXPECT_TEXT(name, value)                                                                   \
+    EXPECT_STRNE("an unknown error", tav_http_error_text(value)) << #name;
+    TAV_HTTP_ERROR_CODE_MAP(EXPECT_TEXT)
 }
 
 TEST(CppErrors, EmptySessionRefusesEverything) {
@@ -388,6 +396,42 @@ TEST(CppCallbacks, EmptyFunctionClears) {
     EXPECT_EQ("body", session.memory_body());
 }
 
+// A retry sends the body from its start: the sink begins anew, or says that it cannot.
+TEST(CppCallbacks, SinkBeginsAnew) {
+    struct {
+        std::string second;
+        bool can_go_back;
+        errc code;
+        std::string written;
+    } cases[] = {
+        {"abcdef", true, errc::ok, "abcdef"},
+        {"ab", true, errc::fail_write_response_file, "abcd"},
+        {"abcdef", false, errc::fail_write_response_file, "abcd"},
+    };
+    struct one_way : std::stringbuf {
+        pos_type seekoff(off_type, std::ios::seekdir, std::ios::openmode) override {
+            return off_type(-1);
+        }
+    };
+    for (const auto& each : cases) {
+        scripted_server server(std::vector<script>{
+            {expect_request(), send_text(response(200, "")), expect_request(),
+             send_text("HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nabcd"), close_now()},
+            reply_with(response(200, each.second))});
+        tavhttp::library library;
+        tavhttp::session first(get, server.url()), session(get, server.url());
+        EXPECT_FALSE(first.keep_alive(true));
+        ASSERT_FALSE(run(first));
+        std::stringbuf there_and_back;
+        one_way only_there;
+        std::ostream stream(each.can_go_back ? &there_and_back : &only_there);
+        EXPECT_FALSE(session.body_to(stream));
+        EXPECT_EQ(each.code, run(session));
+        EXPECT_EQ(each.can_go_back ? 2u : 1u, server.connection_count());
+        EXPECT_EQ(each.written, (each.can_go_back ? there_and_back : only_there).str());
+    }
+}
+
 // A value that tells when the last function that captured it is gone.
 std::pair<std::shared_ptr<int>, std::weak_ptr<int>> watched() {
     auto value = std::make_shared<int>(0);
@@ -476,6 +520,86 @@ TEST(CppSessions, WithoutLibrary) {
     EXPECT_THAT(tavhttp::detail::get_registry().unreleased, IsEmpty());
 }
 
+// --------------------------------------------------------------------------------------- client
+
+TEST(CppClient, WaitsOrGivesAFuture) {
+    scripted_server server([](const received_request& request) {
+        return response(request.target == "/none" ? 404 : 200, request.body + "body",
+                        "X-Own: 1\r\n");
+    });
+    tavhttp::client client;
+    ASSERT_FALSE(client.error());
+    std::future<tavhttp::result> later = client.start(get, server.url());
+    tavhttp::result result = client.post(server.url(), "sent ");
+    EXPECT_TRUE(result);
+    EXPECT_EQ(200u, result.status);
+    EXPECT_EQ("sent body", result.body);
+    EXPECT_EQ("1", result.header("x-own"));
+    EXPECT_EQ(server.url(), result.url);
+    EXPECT_EQ("body", later.get().body);
+    EXPECT_EQ("the server answered 404 Status", client.get(server.url("/none")).message());
+    EXPECT_EQ(errc::invalid_url, client.get("nonsense").code);
+}
+
+TEST(CppClient, GoesWithItsTransfers) {
+    scripted_server silent(script{expect_request(), stall()});
+    std::future<tavhttp::result> future;
+    {
+        tavhttp::client client;
+        future = client.start(get, silent.url());
+        EXPECT_TRUE(wait_until([&] { return silent.request_count() == 1; }));
+    }
+    ASSERT_EQ(std::future_status::ready, future.wait_for(milliseconds(0)));
+    EXPECT_EQ(errc::cancel, future.get().code);
+}
+
+// To another host a redirect is followed with everything, without headers, or not at all.
+TEST(CppClient, RedirectsToAnotherHost) {
+    using policy = tavhttp::redirect_policy;
+    struct {
+        policy set;
+        std::string path;
+        std::uint32_t status;
+        std::string header;  // of the request at the other host
+    } cases[] = {
+        {policy::follow, "/away", 200, "secret"}, {policy::same_host, "/away", 302, ""},
+        {policy::same_host, "/stay", 200, ""},    {policy::without_headers, "/away", 200, ""},
+        {policy::none, "/stay", 302, ""},
+    };
+    scripted_server other(always(response(200, "there")));
+    std::string away = "http://LOCALHOST:" + std::to_string(other.port()) + "/";
+    scripted_server server([&away](const received_request& request) {
+        bool stays = request.target == "/stay";
+        return request.target == "/"
+                   ? response(200, "here")
+                   : response(302, "", "Location: " + (stays ? "/" : away) + "\r\n");
+    });
+    tavhttp::client client;
+    for (const auto& each : cases) {
+        SCOPED_TRACE(static_cast<int>(each.set));
+        std::size_t count = other.request_count();
+        tavhttp::result result = client.get(server.url(each.path), [&](tavhttp::session& session) {
+            session.redirects(each.set);
+            session.add_header("X-Own", "secret");
+            session.cookie("own=secret");
+        });
+        EXPECT_TRUE(result) << result.message();
+        EXPECT_EQ(each.status, result.status);
+        if (each.status == 200 && each.path == "/away") {
+            EXPECT_EQ(each.header, other.request(count).header("X-Own"));
+            EXPECT_EQ(!each.header.empty(), other.request(count).has_header("Cookie"));
+        } else {
+            EXPECT_EQ(count, other.request_count());
+        }
+    }
+    for (const char* url :
+         {"http://a@h/", "http://h?x/", "http://h#x", "http://i/", "ftp", "http://h\\x/"}) {
+        EXPECT_FALSE(tavhttp::detail::is_same_host(url, "http://h/")) << url;
+    }
+    EXPECT_TRUE(tavhttp::detail::is_same_host("https://[::1]:8/", "http://[::1]/x"));
+    EXPECT_FALSE(tavhttp::detail::is_same_host("http://h/", "https://h/"));
+}
+
 TEST(CppSettings, LogFunctionIsReplaced) {
     auto [value, watch] = watched();
     auto lines = std::make_shared<std::atomic<int>>(0);
@@ -490,7 +614,7 @@ TEST(CppSettings, LogFunctionIsReplaced) {
         tavhttp::library library;
         tavhttp::session session(get, "http://127.0.0.1/");
         EXPECT_EQ(errc::TAV_HTTP_ERROR_CODE_OK, session.cancel());
-        session.send();
+        EXPECT_FALSE(session.send());
     }
     EXPECT_GT(*lines, 0);
     tavhttp::set_log(nullptr);
