@@ -1,71 +1,14 @@
 #!/usr/bin/env python3
 """usage: check_tool.py TAVFETCH: runs it against a server of its own and checks its exit code, what
 it prints and what it leaves."""
-import hashlib, http.server, json, os, pathlib, pty, re, shutil, signal, subprocess, sys, tempfile
-import threading, unittest
+import hashlib, json, os, pathlib, pty, re, shutil, signal, subprocess, sys, tempfile, unittest
 
-BODY = bytes(range(256)) * 2048
-HALF = len(BODY) // 2
-ETAG, MODIFIED, MODIFIED_SECONDS = '"one"', "Wed, 01 Jan 2020 00:00:00 GMT", 1577836800
+sys.path.append(os.path.join(os.path.dirname(__file__), "peers"))
+from moody_server import BODY, HALF, MODIFIED_SECONDS, Server, start
+
 DIGEST = hashlib.sha256(BODY).hexdigest()
 SOURCES = pathlib.Path(__file__).resolve().parent.parent / "examples" / "tavfetch"
 PROGRAM = os.path.abspath(sys.argv.pop(1))
-
-
-class Server(http.server.BaseHTTPRequestHandler):
-    protocol_version = "HTTP/1.1"
-    requests, seen, asked, over = [], set(), threading.Event(), threading.Event()
-
-    def answer(self, status, body, headers=(), sent=None):
-        self.send_response(status)
-        for name, value in [("Content-Length", len(body)), *headers]:
-            self.send_header(name, str(value))
-        self.end_headers()
-        self.wfile.write(body[:sent])
-
-    def answer_file(self, sent=None):
-        headers = [("ETag", ETAG), ("Last-Modified", MODIFIED)]
-        wanted = re.fullmatch(r"bytes=(\d+)-", self.headers.get("Range", ""))
-        if not wanted or "norange" in self.path or self.headers.get("If-Range", ETAG) != ETAG:
-            return self.answer(200, BODY, headers, sent)
-        first = int(wanted[1])
-        headers += [("Content-Range", f"bytes {first}-{len(BODY) - 1}/{len(BODY)}")]
-        return self.answer(206, BODY[first:], headers)
-
-    def do_GET(self):
-        Server.requests.append((self.path, self.headers))
-        fails = self.path not in Server.seen or self.path.endswith("always")
-        Server.seen.add(self.path)
-        kind = self.path.split("/")[1]
-        if kind in ("silent", "stalled"):
-            if kind == "stalled":
-                self.answer_file(HALF)
-            Server.asked.set()
-            Server.over.wait()
-        elif kind == "cut" and fails:
-            self.answer_file(HALF)
-        elif kind == "busy" and fails:
-            return self.answer(503, b"later", [("Retry-After", 0)])
-        elif kind == "away":
-            where = f"http://localhost:{self.server.server_port}/"
-            return self.answer(302, b"", [("Location", where)])
-        elif kind == "named":
-            name = "attachment; filename*=UTF-8''..%2Fgr%C3%BC%C3%9Fe.txt"
-            return self.answer(200, b"hello", [("Content-Disposition", name)])
-        elif kind in ("missing", "text"):
-            return self.answer(404 if kind == "missing" else 200, b"plain\n")
-        else:
-            return self.answer_file()
-        self.close_connection = True
-
-    def do_CONNECT(self):  # What comes through the tunnel is served here.
-        Server.requests.append((self.path, self.headers))
-        self.send_response(200)
-        self.end_headers()
-
-    def log_message(self, *args):
-        pass
-
 
 ROWS = [  # arguments, files before, exit code, files after, a text on standard error
     (["URL/file"], {}, 0, {"file": BODY}, "saved to file"),
@@ -102,9 +45,16 @@ class Tool(unittest.TestCase):
         return subprocess.Popen([PROGRAM, *words], stdout=stdout, stderr=subprocess.PIPE,
                                 cwd=self.folder, env={"PATH": os.environ["PATH"], **env})
 
+    def end(self, process):
+        try:
+            return process.communicate(timeout=20)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            raise
+
     def fetch(self, *words, code=0, **options):
         with self.start(*words, **options) as process:
-            stdout, stderr = process.communicate(timeout=30)
+            stdout, stderr = self.end(process)
         self.assertEqual(process.returncode, code, stderr.decode())
         return stdout, stderr.decode()
 
@@ -172,7 +122,7 @@ class Tool(unittest.TestCase):
                     self.assertTrue(Server.asked.wait(20))
                     Server.asked.clear()
                     process.send_signal(number)
-                    process.communicate(timeout=20)  # well below the time-out of a receive
+                    self.end(process)  # well below the time-out of a receive
                 self.assertEqual((process.returncode, self.files()), (-number, {}))
 
     def test_lists_of_options_agree(self):
@@ -183,12 +133,5 @@ class Tool(unittest.TestCase):
                 self.assertRegex(listed, option + r"\b")
 
 
-server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Server)
-server.handle_error = lambda *args: None  # an ended transfer resets its connection
-threading.Thread(target=server.serve_forever, daemon=True).start()
-URL = f"http://127.0.0.1:{server.server_port}"
-try:
-    unittest.main()
-finally:
-    Server.over.set()
-    server.shutdown()
+server, URL = start()
+unittest.main()
