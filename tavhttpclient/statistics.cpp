@@ -21,7 +21,7 @@ void uninit_session_stats(void) {
 }
 
 static uint64_t _current_second(void) {
-    return GetTickCount() / 1000;
+    return GetTickCount64() / 1000;
 }
 
 void rate_ring_add(rate_ring* ring, uint64_t count) {

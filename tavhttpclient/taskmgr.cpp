@@ -11,9 +11,9 @@
 #include "platform/win_time.h"
 #include "tavhttpclient/httpconnect.h"
 #include "tavhttpclient/httpoption.h"
-#include "tavhttpclient/response_record.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
+#include "tavhttpclient/response_record.h"
 #include "tavhttpclient/session_record.h"
 #include "tavhttpclient/settings.h"
 #include "tavhttpclient/uvhandle.h"
@@ -175,6 +175,17 @@ static void _adjust_task_priority(task_list* running, int32_t limit) {
     }
 }
 
+static void _on_task_mgr_timer(uv_timer_t* timer);
+
+static bool _arm_timer(task_mgr* mgr) {
+    int result = arm_uv_timer(mgr->timer, _on_task_mgr_timer, TIMER_PERIOD);
+    if (result != 0) {
+        LOG_ERROR("start_task_mgr, uv_timer_start failed, ret=%d, %s.", result,
+                  uv_strerror(result));
+    }
+    return result == 0;
+}
+
 // Loop thread, once a second.
 static void _on_task_mgr_timer(uv_timer_t* timer) {
     task_mgr* mgr = (task_mgr*)timer->data;
@@ -183,6 +194,7 @@ static void _on_task_mgr_timer(uv_timer_t* timer) {
     }
     mgr->max_running_count = (int32_t)config_max_running_count();
     _adjust_task_priority(&mgr->kinds[KIND_DOWNLOAD].running, mgr->max_running_count);
+    _arm_timer(mgr);
 }
 
 // ------------------------------------------------------------------------------ creation, start
@@ -203,25 +215,16 @@ task_mgr* create_task_mgr(void) {
 }
 
 static bool _start_timer(task_mgr* mgr, uv_loop_t* loop) {
-    uv_timer_t* timer = (uv_timer_t*)calloc(1, sizeof(uv_timer_t));
-    if (timer == nullptr) {
+    mgr->timer = new_uv_timer(loop, mgr);
+    if (mgr->timer == nullptr) {
+        LOG_ERROR("start_task_mgr, uv_timer_init failed, ret=%d, %s.", UV_ENOMEM,
+                  uv_strerror(UV_ENOMEM));
         return false;
     }
-    timer->data = mgr;
-    int result = uv_timer_init(loop, timer);
-    if (result != 0) {
-        LOG_ERROR("start_task_mgr, uv_timer_init failed, ret=%d, %s.", result, uv_strerror(result));
-        free(timer);
+    if (!_arm_timer(mgr)) {
+        close_uv_timer(&mgr->timer);
         return false;
     }
-    result = uv_timer_start(timer, _on_task_mgr_timer, TIMER_PERIOD, TIMER_PERIOD);
-    if (result != 0) {
-        LOG_ERROR("start_task_mgr, uv_timer_start failed, ret=%d, %s.", result,
-                  uv_strerror(result));
-        close_uv_timer(&timer);
-        return false;
-    }
-    mgr->timer = timer;
     return true;
 }
 

@@ -367,8 +367,8 @@ TAV_HTTP_API uint32_t tavHTTPStartup(void);
  *
  * Sessions that were not closed stay valid: close them after the next start. Settings are lost.
  * Returns 0 always. More shut-downs than starts are logged and leave a negative count.
- * Thread  any outside callbacks, never two at a time. Blocks until the loop thread has ended: up to
- *         the time-out of the step that each running session waits in. */
+ * Thread  any outside callbacks, never two at a time. Blocks until the loop thread has ended, which
+ *         waits for callbacks and file work that are running, but not for the network. */
 TAV_HTTP_API uint32_t tavHTTPShutdown(void);
 
 /* ------------------------------------------------------------------------------------------------
@@ -427,8 +427,9 @@ TAV_HTTP_API uint32_t tavHTTPQueryInfo(http_session* session, uint32_t query, vo
 
 /* Releases the session; the handle and all it handed out are invalid from then on.
  *
- * A session still in flight is cancelled, calls back no more and is released when its last step has
- * come back. A callback that is already running on another thread may still be running.
+ * A session still in flight is cancelled, calls back no more, does not wait for the network and is
+ * released when its last step has come back. A callback that is already running on another thread
+ * may still be running.
  * Returns  mind the sense: TAV_HTTP_ERROR_CODE_FAIL_START_ASYNC when the release was handed to the
  *          loop thread; 0 when it was not, because the library is not started (the handle is then
  *          still valid and can be closed after the next start); TAV_HTTP_ERROR_CODE_INVALID_ARG
