@@ -3,6 +3,7 @@
 #include "platform/win_socket.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stddef.h>
@@ -176,6 +177,16 @@ void platform_ignore_broken_pipe(void) {
     sigemptyset(&signals);
     sigaddset(&signals, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+void platform_fill_standard_descriptors(void) {
+    int descriptor = 0;
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
+        descriptor = open("/dev/null", O_RDWR);  // The lowest that is free.
+    }
+    if (descriptor >= 0) {
+        close(descriptor);
+    }
 }
 
 void platform_set_protocol_catalog(const WSAPROTOCOL_INFOW* entries, int count) {

@@ -91,6 +91,10 @@ int StringFromGUID2(const GUID* guid, WCHAR* output, int size);
 // A write to a connection that the peer has closed must end in an error code, not in a signal that
 // kills the host. Called once on the thread that writes to sockets. Nothing to do on Windows.
 void platform_ignore_broken_pipe(void);
+// Makes descriptors 0 to 2 valid where the host has closed them, so that nothing opened from here
+// on gets one of them, and what the host prints does not end up in it. They stay: by the time of a
+// stop they may be the host's own again. Nothing to do on Windows.
+void platform_fill_standard_descriptors(void);
 
 // For tests: the catalogue that the enumeration shows from now on (not copied; null: the one base
 // TCP/IP entry of this machine), and what WSAGetLastError() an enumeration fails with (0: none).

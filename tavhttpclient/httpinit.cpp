@@ -4,11 +4,97 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "tavhttpclient/cookiemgr.h"
 #include "tavhttpclient/fs.h"
+#include "tavhttpclient/hostcall.h"
+#include "tavhttpclient/httpconnect.h"
+#include "tavhttpclient/httpresponse.h"
+#include "tavhttpclient/httpsession.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
+#include "tavhttpclient/netbasehttp.h"
 #include "tavhttpclient/settings.h"
+#include "tavhttpclient/statistics.h"
+#include "tavhttpclient/taskmgr.h"
 #include "tavhttpclient/tavhttpclient.h"
+#include "tavhttpclient/uvhandle.h"
+#include "tavhttpclient/uvhelper.h"
+#include "tavhttpclient/worker.h"
+
+// ------------------------------------------------------------------------------- the modules
+
+// Loop thread, at its start. What comes first here ends last. A task manager that cannot be made
+// leaves the library without it, but the rest is needed by every session.
+static bool _init_loop_modules(void) {
+    if (!init_workers()) {
+        return false;
+    }
+    set_before_host_call(send_missing_workers);
+    register_tls_ops();
+    if (!init_session_stats() || !init_global_settings() || !init_cookie_store()) {
+        return false;
+    }
+    init_default_task_mgr();
+    return true;
+}
+
+// How long the end of the loop waits for lookups that hang in the system. Steps on workers are
+// always waited for.
+enum {
+    HUNG_LOOKUPS_MS = 200
+};
+
+static void _on_patience_over(uv_timer_t* timer) {
+    *(bool*)timer->data = true;
+}
+
+// Only lookups that hang are left behind.
+static void _drain_handles(void) {
+    bool patience_over = false;
+    uv_timer_t* patience = new_uv_timer(get_uv_loop(), &patience_over);
+    if (arm_uv_timer(patience, _on_patience_over, HUNG_LOOKUPS_MS) == 0) {
+        uv_unref((uv_handle_t*)patience);  // It is not waited for.
+    } else {
+        patience_over = true;
+    }
+    int32_t hung_lookups = uv_connect_abandon_lookups();
+    while (is_loop_busy() && !(patience_over && hung_lookups > 0)) {
+        run_loop_turn();
+        hung_lookups = uv_connect_abandon_lookups();
+    }
+    close_uv_timer(&patience);
+    run_loop_turn();
+}
+
+// Loop thread, when the task manager has ended. Ends the sessions that run without it (sent while
+// it stopped) and closes whatever is still open: idle connections, connections of sessions that
+// the host has not closed.
+static void _drain_loop_modules(void) {
+    cancel_sessions_in_flight();
+    while (any_session_in_flight()) {
+        run_loop_turn();
+    }
+    http_connect_close_all();
+    _drain_handles();
+    uninit_workers();
+    set_before_host_call(nullptr);
+}
+
+// Loop thread, at its end; harmless for what a failed start has not made.
+static void _uninit_loop_modules(void) {
+    free_spare_recv_buffers();
+    tls_ops* tls = get_tls_ops();
+    if (tls != nullptr && tls->tls_uninit != nullptr) {
+        tls->tls_uninit();
+    }
+    uninit_session_stats();
+    uninit_global_settings();
+    uninit_cookie_store();
+}
+
+static const loop_modules library_modules = {_init_loop_modules, workers_before_sleep,
+                                             start_stop_default_task_mgr, _drain_loop_modules,
+                                             _uninit_loop_modules};
 
 // ------------------------------------------------------------------------ start-up and shut-down
 
@@ -17,7 +103,7 @@ static int32_t startup_count = 0;
 
 uint32_t tavHTTPStartup(void) {
     startup_count++;
-    if (startup_count == 1 && !run_event_loop()) {
+    if (startup_count == 1 && !run_event_loop(&library_modules)) {
         return TAV_HTTP_ERROR_CODE_FAIL_RUN_EVENT_LOOP;
     }
     return TAV_HTTP_ERROR_CODE_OK;

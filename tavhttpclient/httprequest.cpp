@@ -17,11 +17,12 @@
 
 #include "platform/win_file.h"
 #include "tavhttpclient/fs.h"
-#include "tavhttpclient/transport.h"
+#include "tavhttpclient/hostcall.h"
 #include "tavhttpclient/httprequest_items.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
 #include "tavhttpclient/session_record.h"
+#include "tavhttpclient/transport.h"
 #include "tavhttpclient/upload_item.h"
 
 enum {
@@ -137,7 +138,7 @@ static uint32_t _http_request_send_data(http_session* session, const char* bytes
         return TAV_HTTP_ERROR_CODE_FAIL_SEND;
     }
     if (session->upload_progress_cb != nullptr && session_may_call_host(session)) {
-        send_missing_workers();  // The host may block in it.
+        before_host_call();
         session->upload_progress_cb(session, session->user_data, (uint64_t)request->sent_bytes,
                                     bytes, (uint32_t)count, (uint64_t)request->total_bytes);
     }

@@ -191,7 +191,7 @@ uint32_t tavHTTPClose(http_session* session) {
     }
     // `closed` is set with the hand-over, behind which the session may be gone, and not at all
     // without it: a session that is kept still has its completion to come.
-    bool accepted = async_run_safe_or_drop(_on_async_free_session, session, _on_async_free_session,
-                                           &session->closed);
+    bool accepted = async_run_safe_or_discard(_on_async_free_session, session,
+                                              _on_async_free_session, &session->closed);
     return accepted ? TAV_HTTP_ERROR_CODE_FAIL_START_ASYNC : TAV_HTTP_ERROR_CODE_OK;
 }

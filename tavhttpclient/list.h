@@ -59,4 +59,15 @@ inline list_link* list_take_first(list_link* head) {
     return entry;
 }
 
+// Makes `to`, which holds nothing, the list of all entries of `from` in their order.
+inline void list_move_all(list_link* from, list_link* to) {
+    list_init(to);
+    if (!list_empty(from)) {
+        *to = *from;
+        to->next->prev = to;
+        to->prev->next = to;
+        list_init(from);
+    }
+}
+
 #endif

@@ -5,6 +5,7 @@
 
 #include <atomic>
 
+#include "tavhttpclient/hostcall.h"
 #include "tavhttpclient/util.h"
 
 enum {
@@ -34,6 +35,7 @@ void write_log(int32_t level, const char* tag, uint32_t line, const char* format
     if (callback == nullptr) {
         return;
     }
+    before_host_call();
     tag = tag != nullptr ? tag : "";
     format = format != nullptr ? format : "";
 

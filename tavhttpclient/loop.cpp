@@ -1,47 +1,61 @@
-// The loop thread. See loop.h for the chains of start and stop.
+// The loop thread. See loop.h for the chains of start, turn and stop.
 #include "tavhttpclient/loop.h"
 
 #include <stdlib.h>
-#include <string.h>
 
 #include <atomic>
 
 #include "platform/win_socket.h"
-#include "tavhttpclient/connectionpool.h"
-#include "tavhttpclient/cookiemgr.h"
-#include "tavhttpclient/httpconnect.h"
-#include "tavhttpclient/httpresponse.h"
-#include "tavhttpclient/httpsession.h"
+#include "platform/win_thread.h"
 #include "tavhttpclient/log.h"
-#include "tavhttpclient/settings.h"
-#include "tavhttpclient/statistics.h"
-#include "tavhttpclient/taskmgr.h"
-#include "tavhttpclient/uvhelper.h"
-#include "tavhttpclient/worker.h"
 
-// A call that async_run deferred.
-struct async_call {
-    list_link link;
-    void* argument;
-    loop_function function;
+enum {
+    SPINS = 64,          // looks before a spinning thread gives way to others
+    BATCHES_A_TURN = 64  // of calls, so that the network gets its turn
 };
-LIST_ENTRY_CHECK(async_call);
 
-// A call that async_run_safe queued.
+// What a stop carries through the task manager.
+struct stop_context {
+    event_loop* loop;
+    void (*finish)(event_loop* loop);
+};
+
+// One per running loop. The loop thread's own, but for the inbox.
+struct event_loop {
+    uv_loop_t* loop;
+    const loop_modules* modules;
+    uv_thread_t thread;
+    uv_thread_t thread_id;  // unread
+    uv_sem_t* start_sem;    // during the start handshake only
+    uv_async_t stop_async;  // wakes the loop for the stop
+    uv_async_t run_async;   // wakes the loop for the inbox
+
+    uv_mutex_t queue_mutex;  // guards the inbox:
+    list_link queue;         // loop_call entries, oldest first
+    uint8_t sleeps;          // the loop thread waits in its poll, or is about to
+
+    std::atomic<uint8_t> has_calls;  // in `queue`; for a look without the mutex
+
+    uint64_t spin_until;   // uv_hrtime; 0: it would not pay
+    uint8_t deferred;      // a call that async_run queued waits for the next poll
+    uint8_t stopping;      // unread
+    uint8_t ended;         // no further turn, but for the drain
+    uint8_t start_failed;  // the loop thread could not set itself up and has ended
+    stop_context stop;     // part of the record, so that a stop cannot fail for want of memory
+};
+
+// A call that async_run or async_run_safe queued.
 struct queued_call {
-    list_link link;
+    loop_call call;
     void* argument;
     loop_function function;
-    loop_function on_drop;
-    std::atomic<uint8_t>* accepted;  // 1 while the call is queued and ever after; null: nobody asks
+    loop_function on_discard;
 };
-LIST_ENTRY_CHECK(queued_call);
 
-// Lock order: loop_lock (read) before queue_mutex. The lock is made once and never destroyed, since
-// an export on a host thread may come at any moment of a stop.
-static uv_once_t loop_lock_once = UV_ONCE_INIT;
+// Lock order: loop_lock (read) before queue_mutex. The lock is made by the first start that can and
+// never destroyed, since an export on a host thread may come at any moment of a stop.
 static uv_rwlock_t loop_lock;
-static std::atomic<uint8_t> loop_lock_made(0);
+static bool has_loop_lock = false;
 
 // The running loop. Cleared, under loop_lock, when the stop has ended the task manager.
 static std::atomic<event_loop*> current_loop(nullptr);
@@ -58,27 +72,6 @@ struct abandoned_loop {
 LIST_ENTRY_CHECK(abandoned_loop);
 static list_link abandoned_loops = {&abandoned_loops, &abandoned_loops};
 
-static void _init_loop_lock(void) {
-    loop_lock_made = uv_rwlock_init(&loop_lock) == 0 ? 1 : 0;
-}
-
-// False: there is no lock, and so no loop.
-static bool _have_loop_lock(void) {
-    uv_once(&loop_lock_once, _init_loop_lock);
-    return loop_lock_made != 0;
-}
-
-static void _free_async_on_close(uv_handle_t* handle) {
-    free(handle);
-}
-
-// --------------------------------------------------------------------------- calls on the loop
-
-static bool _is_own_thread(const event_loop* loop) {
-    uv_thread_t self = uv_thread_self();
-    return uv_thread_equal(&self, &loop->thread_id) != 0;
-}
-
 uv_loop_t* get_uv_loop(void) {
     if (own_loop != nullptr) {
         return own_loop->loop;
@@ -92,140 +85,129 @@ uv_loop_t* get_uv_loop(void) {
 }
 
 bool is_loop_thread(void) {
-    if (own_loop != nullptr) {
-        return true;
-    }
-    if (!_have_loop_lock()) {
-        return false;
-    }
-    uv_rwlock_rdlock(&loop_lock);
-    event_loop* loop = current_loop.load(std::memory_order_relaxed);
-    bool own = loop != nullptr && _is_own_thread(loop);
-    uv_rwlock_rdunlock(&loop_lock);
-    return own;
+    return own_loop != nullptr;
 }
 
-static void _move_calls(list_link* from, list_link* to) {
-    while (list_link* entry = list_take_first(from)) {
-        list_append(to, entry);
+event_loop* get_event_loop(void) {
+    return own_loop;
+}
+
+// ------------------------------------------------------------------------------------ the inbox
+
+void lock_spinning(uv_mutex_t* mutex) {
+    for (int i = 0; i < SPINS; i++) {
+        if (uv_mutex_trylock(mutex) == 0) {
+            return;
+        }
+        YieldProcessor();
+    }
+    uv_mutex_lock(mutex);
+}
+
+// Under the mutex.
+static void _append_call(event_loop* loop, loop_call* call) {
+    list_append(&loop->queue, &call->link);
+    loop->has_calls.store(1, std::memory_order_relaxed);
+}
+
+void append_loop_call(event_loop* loop, loop_call* call) {
+    lock_spinning(&loop->queue_mutex);
+    _append_call(loop, call);
+    uv_mutex_unlock(&loop->queue_mutex);
+}
+
+// `accepted` (or null) becomes 1 together with the call. Woken before there is something to see: a
+// call that was seen could not be taken back.
+static bool _post_call(event_loop* loop, loop_call* call, std::atomic<uint8_t>* accepted) {
+    lock_spinning(&loop->queue_mutex);
+    bool awake = loop->sleeps == 0 || uv_async_send(&loop->run_async) == 0;
+    if (awake) {
+        loop->sleeps = 0;
+        if (accepted != nullptr) {
+            accepted->store(1, std::memory_order_release);
+        }
+        _append_call(loop, call);
+    }
+    uv_mutex_unlock(&loop->queue_mutex);
+    return awake;
+}
+
+bool post_loop_call(event_loop* loop, loop_call* call) {
+    return _post_call(loop, call, nullptr);
+}
+
+static void _take_calls(event_loop* loop, list_link* calls) {
+    list_init(calls);
+    if (loop->has_calls.load(std::memory_order_relaxed) == 0) {
+        return;
+    }
+    lock_spinning(&loop->queue_mutex);
+    list_move_all(&loop->queue, calls);
+    loop->has_calls.store(0, std::memory_order_relaxed);
+    uv_mutex_unlock(&loop->queue_mutex);
+}
+
+static void _run_calls(event_loop* loop) {
+    list_link calls;
+    _take_calls(loop, &calls);
+    while (list_link* entry = list_take_first(&calls)) {
+        loop_call* call = (loop_call*)entry;
+        call->run(call);
     }
 }
 
-// Loop thread, before the poll. What is deferred from here on waits for the next turn.
-static void _on_calls_idle(uv_idle_t* idle) {
-    event_loop* loop = (event_loop*)idle->data;
-    _move_calls(&loop->deferred, &loop->due);
+static void _run_queued_call(loop_call* call) {
+    queued_call own = *(queued_call*)call;
+    free(call);
+    own.function(own.argument);
 }
 
-// Loop thread, behind the poll. From async_run, by way of _on_calls_idle.
-static void _on_calls_check(uv_check_t* check) {
-    event_loop* loop = (event_loop*)check->data;
-    while (list_link* entry = list_take_first(&loop->due)) {
-        async_call* call = (async_call*)entry;
-        loop_function function = call->function;
-        void* argument = call->argument;
-        free(call);
-        function(argument);
-    }
-    if (list_empty(&loop->deferred)) {
-        uv_idle_stop(&loop->idle);
-        uv_check_stop(&loop->check);
+static void _discard_queued_call(loop_call* call) {
+    queued_call own = *(queued_call*)call;
+    free(call);
+    if (own.on_discard != nullptr) {
+        own.on_discard(own.argument);
     }
 }
 
-// Neither call can fail.
-static void _init_calls(event_loop* loop) {
-    list_init(&loop->deferred);
-    list_init(&loop->due);
-    uv_idle_init(loop->loop, &loop->idle);
-    uv_check_init(loop->loop, &loop->check);
-    loop->idle.data = loop;
-    loop->check.data = loop;
-}
-
-// Calls that are left belong to a loop that did not come to its end; nobody runs them any more.
-static void _close_calls(event_loop* loop) {
-    _move_calls(&loop->deferred, &loop->due);
-    while (list_link* entry = list_take_first(&loop->due)) {
-        free(entry);
+static queued_call* _new_call(loop_function function, void* argument) {
+    queued_call* call = (queued_call*)calloc(1, sizeof(queued_call));
+    if (call != nullptr) {
+        call->call.run = _run_queued_call;
+        call->argument = argument;
+        call->function = function;
     }
-    uv_close((uv_handle_t*)&loop->idle, nullptr);
-    uv_close((uv_handle_t*)&loop->check, nullptr);
-    uv_run(loop->loop, UV_RUN_NOWAIT);
+    return call;
 }
 
 bool async_run(loop_function function, void* argument) {
     LOG_ASSERT(is_loop_thread());
     event_loop* loop = own_loop;
-    if (loop == nullptr) {
-        return false;
-    }
-    async_call* call = (async_call*)calloc(1, sizeof(async_call));
+    queued_call* call = loop != nullptr ? _new_call(function, argument) : nullptr;
     if (call == nullptr) {
         return false;
     }
-    call->argument = argument;
-    call->function = function;
-    list_append(&loop->deferred, &call->link);
-    // Harmless on handles that are active already.
-    uv_idle_start(&loop->idle, _on_calls_idle);
-    uv_check_start(&loop->check, _on_calls_check);
+    loop->deferred = 1;
+    append_loop_call(loop, &call->call);
     return true;
 }
 
-static void _set_accepted(queued_call* call, uint8_t value) {
-    if (call->accepted != nullptr) {
-        call->accepted->store(value, std::memory_order_release);
-    }
-}
-
-// Takes the call back; false when the loop thread has it already.
-static bool _unqueue_call(event_loop* loop, queued_call* call) {
-    bool queued = false;
-    uv_mutex_lock(&loop->queue_mutex);
-    for (list_link* link = loop->queue.next; link != &loop->queue && !queued; link = link->next) {
-        queued = link == &call->link;
-    }
-    if (queued) {
-        list_unlink(&call->link);
-        _set_accepted(call, 0);
-    }
-    uv_mutex_unlock(&loop->queue_mutex);
-    return queued;
-}
-
-// Under loop_lock (read).
-static bool _queue_call(event_loop* loop, queued_call* call) {
-    uv_mutex_lock(&loop->queue_mutex);
-    _set_accepted(call, 1);
-    list_insert_front(&loop->queue, &call->link);
-    loop->has_calls.store(1);
-    uv_mutex_unlock(&loop->queue_mutex);
-    if (!loop_thread_sleeps()) {
-        return true;
-    }
-    // Without its own wake-up the call may still have been served by an earlier one.
-    return uv_async_send(loop->run_async) == 0 || !_unqueue_call(loop, call);
-}
-
-bool async_run_safe_or_drop(loop_function function, void* argument, loop_function on_drop,
-                            std::atomic<uint8_t>* accepted) {
+bool async_run_safe_or_discard(loop_function function, void* argument, loop_function on_discard,
+                               std::atomic<uint8_t>* accepted) {
     if (current_loop.load(std::memory_order_acquire) == nullptr) {
         return false;
     }
-    queued_call* call = (queued_call*)calloc(1, sizeof(queued_call));
+    queued_call* call = _new_call(function, argument);
     if (call == nullptr) {
         return false;
     }
-    call->argument = argument;
-    call->function = function;
-    call->on_drop = on_drop;
-    call->accepted = accepted;
+    call->call.discard = _discard_queued_call;
+    call->on_discard = on_discard;
 
     // A loop that was there has its lock.
     uv_rwlock_rdlock(&loop_lock);
     event_loop* loop = current_loop.load(std::memory_order_relaxed);
-    bool queued = loop != nullptr && _queue_call(loop, call);
+    bool queued = loop != nullptr && _post_call(loop, &call->call, accepted);
     uv_rwlock_rdunlock(&loop_lock);
     if (!queued) {
         free(call);
@@ -234,58 +216,99 @@ bool async_run_safe_or_drop(loop_function function, void* argument, loop_functio
 }
 
 bool async_run_safe(loop_function function, void* argument) {
-    return async_run_safe_or_drop(function, argument, nullptr, nullptr);
+    return async_run_safe_or_discard(function, argument, nullptr, nullptr);
 }
 
-// Loop thread. From async_run_safe; one wake-up may serve many calls.
-void run_queued_calls(event_loop* loop) {
-    if (!has_queued_calls(loop)) {
-        return;
-    }
-    list_link calls;
-    list_init(&calls);
+// ------------------------------------------------------------------------------------- the turn
 
-    uv_mutex_lock(&loop->queue_mutex);
-    // The queue has its newest call at the front; moving one by one turns it to oldest first.
-    while (list_link* entry = list_take_first(&loop->queue)) {
-        list_insert_front(&calls, entry);
+void spin_loop_until(uint64_t time) {
+    own_loop->spin_until = time;
+}
+
+// True: there are calls. Without waiting for them when it would not pay.
+static bool _spin_for_calls(const event_loop* loop) {
+    if (loop->spin_until == 0) {
+        return false;
     }
-    loop->has_calls.store(0);
+    for (int i = 0; i < SPINS; i++) {
+        if (loop->has_calls.load(std::memory_order_relaxed) != 0) {
+            return true;
+        }
+        YieldProcessor();
+    }
+    SwitchToThread();
+    return false;
+}
+
+// The one decision about sleep. True: the inbox is empty, and who posts a call wakes the loop.
+static bool _goes_to_sleep(event_loop* loop) {
+    if (loop->spin_until != 0 && uv_hrtime() < loop->spin_until) {
+        return false;
+    }
+    loop->spin_until = 0;
+    loop->modules->before_sleep();
+    lock_spinning(&loop->queue_mutex);
+    bool sleeps = list_empty(&loop->queue);
+    loop->sleeps = sleeps ? 1 : 0;
     uv_mutex_unlock(&loop->queue_mutex);
+    return sleeps;
+}
 
-    while (list_link* entry = list_take_first(&calls)) {
-        queued_call* call = (queued_call*)entry;
-        call->function(call->argument);
-        free(call);
+static void _wake_up(event_loop* loop) {
+    lock_spinning(&loop->queue_mutex);
+    loop->sleeps = 0;
+    uv_mutex_unlock(&loop->queue_mutex);
+}
+
+static int _run_turn(event_loop* loop) {
+    int result = 0;
+    if (_goes_to_sleep(loop)) {
+        result = uv_run(loop->loop, UV_RUN_ONCE);
+        _wake_up(loop);
+    } else {
+        result = uv_run(loop->loop, UV_RUN_NOWAIT);
     }
+    loop->deferred = 0;
+    int batches = 0;
+    do {
+        _run_calls(loop);
+        batches++;
+    } while (batches < BATCHES_A_TURN && loop->deferred == 0 && _spin_for_calls(loop));
+    return result;
+}
+
+void run_loop_turn(void) {
+    _run_turn(own_loop);
+}
+
+bool is_loop_busy(void) {
+    return uv_loop_alive(own_loop->loop) != 0 ||
+           own_loop->has_calls.load(std::memory_order_relaxed) != 0;
 }
 
 static void _on_async_run_safe(uv_async_t* async) {
-    run_queued_calls((event_loop*)async->data);
+    (void)async;  // Behind the poll comes the inbox.
 }
 
 // ------------------------------------------------------------------------------------ the stop
 
-// Loop thread. From _stop_task_mgr_callback; ends uv_run in loop_thread.
+// Loop thread. From _stop_task_mgr_callback; ends the turns in loop_thread.
 static void _uninit_flow_finish(event_loop* loop) {
     LOG_INFO("_uninit_flow_finish, we will stop the loop now");
-    uv_stop(loop->loop);
+    loop->ended = 1;
 }
 
-// Frees the calls that are still queued. No producer can reach the queue any more.
-static void _drop_queued_calls(event_loop* loop) {
-    loop->has_calls.store(0);
+// Takes the calls of other threads out of the inbox. No host thread can reach it any more.
+static void _discard_calls(event_loop* loop) {
     list_link calls;
-    list_init(&calls);
-    while (list_link* entry = list_take_first(&loop->queue)) {
-        list_insert_front(&calls, entry);
-    }
+    _take_calls(loop, &calls);
     while (list_link* entry = list_take_first(&calls)) {
-        queued_call* call = (queued_call*)entry;
-        if (call->on_drop != nullptr) {
-            call->on_drop(call->argument);
+        loop_call* call = (loop_call*)entry;
+        if (call->discard != nullptr) {
+            call->discard(call);
+        } else {
+            append_loop_call(loop, call);
         }
-        free(call);
     }
 }
 
@@ -299,11 +322,7 @@ void _stop_task_mgr_callback(void* argument) {
     uv_rwlock_wrunlock(&loop_lock);
 
     if (LOG_ASSERT(loop != nullptr)) {
-        _drop_queued_calls(loop);
-        uv_close((uv_handle_t*)loop->run_async, _free_async_on_close);
-        loop->run_async = nullptr;
-        uv_mutex_destroy(&loop->queue_mutex);
-        memset(&loop->queue_mutex, 0, sizeof(loop->queue_mutex));
+        _discard_calls(loop);
     }
     context->finish(context->loop);
 }
@@ -314,84 +333,51 @@ static void uninit_flow_start(event_loop* loop) {
     stop_context* context = &loop->stop;
     context->loop = loop;
     context->finish = _uninit_flow_finish;
-    if (!start_stop_default_task_mgr(context)) {
-        // Without a task manager there is nothing to wait for.
+    if (!loop->modules->begin_stop(context)) {
         _stop_task_mgr_callback(context);
+    }
+}
+
+static void _close_async(uv_async_t* async) {
+    if (async->data != nullptr) {  // else it was never made
+        async->data = nullptr;
+        uv_close((uv_handle_t*)async, nullptr);
     }
 }
 
 // Loop thread. From stop_event_loop; next uninit_flow_start.
 static void _on_async_stop_loop(uv_async_t* async) {
     event_loop* loop = (event_loop*)async->data;
-    LOG_ASSERT(async == loop->stop_async.load(std::memory_order_relaxed));
-    uv_close((uv_handle_t*)async, _free_async_on_close);
-    loop->stop_async.store(nullptr, std::memory_order_relaxed);
+    LOG_ASSERT(async == &loop->stop_async);
+    _close_async(async);
     uninit_flow_start(loop);
 }
 
 // --------------------------------------------------------------------------- the loop's thread
 
-// Loop thread, at its start. A module that cannot be made leaves the library without it, but the
-// settings and the cookie store are needed by every session.
-static bool _init_loop_modules(void) {
-    register_tls_ops();
-    if (!init_session_stats() || !init_global_settings() || !init_cookie_store()) {
-        return false;
-    }
-    init_default_task_mgr();
-    return true;
-}
-
-static void _uninit_loop_modules(void) {
-    free_spare_recv_buffers();
-    tls_ops* tls = get_tls_ops();
-    if (tls != nullptr && tls->tls_uninit != nullptr) {
-        tls->tls_uninit();  // Harmless when a failed start has not initialised it.
-    }
-    uninit_session_stats();
-    uninit_global_settings();
-    uninit_cookie_store();
-}
-
-static uv_async_t* _new_async(event_loop* loop, uv_async_cb callback) {
-    uv_async_t* async = (uv_async_t*)calloc(1, sizeof(uv_async_t));
-    if (async == nullptr || uv_async_init(loop->loop, async, callback) != 0) {
-        free(async);
-        return nullptr;
-    }
-    async->data = loop;
-    return async;
+static bool _init_async(event_loop* loop, uv_async_t* async, uv_async_cb callback) {
+    bool made = uv_async_init(loop->loop, async, callback) == 0;
+    async->data = made ? loop : nullptr;
+    return made;
 }
 
 static bool _init_loop(event_loop* loop) {
+    list_init(&loop->queue);
+    if (uv_mutex_init(&loop->queue_mutex) != 0) {
+        return false;
+    }
     loop->loop = uv_loop_new();
     if (loop->loop == nullptr) {
+        uv_mutex_destroy(&loop->queue_mutex);
         return false;
     }
     loop->loop->data = nullptr;
-    _init_calls(loop);
-    uv_async_t* stop_async = _new_async(loop, _on_async_stop_loop);
-    loop->stop_async.store(stop_async, std::memory_order_relaxed);
-    loop->run_async = _new_async(loop, _on_async_run_safe);
-    list_init(&loop->queue);
-    loop->has_mutex = uv_mutex_init(&loop->queue_mutex) == 0 ? 1 : 0;
-    return stop_async != nullptr && loop->run_async != nullptr && loop->has_mutex != 0 &&
-           init_workers(loop);
-}
-
-// What a failed start leaves; a stop has released all of it.
-static void _release_failed_start(event_loop* loop) {
-    uv_async_t* stop_async = loop->stop_async.exchange(nullptr, std::memory_order_relaxed);
-    if (stop_async != nullptr) {
-        uv_close((uv_handle_t*)stop_async, _free_async_on_close);
+    if (!_init_async(loop, &loop->stop_async, _on_async_stop_loop) ||
+        !_init_async(loop, &loop->run_async, _on_async_run_safe)) {
+        return false;
     }
-    if (loop->run_async != nullptr) {
-        uv_close((uv_handle_t*)loop->run_async, _free_async_on_close);
-        loop->run_async = nullptr;
-    }
-    if (loop->start_failed != 0 && loop->has_mutex != 0) {
-        uv_mutex_destroy(&loop->queue_mutex);
-    }
+    uv_unref((uv_handle_t*)&loop->run_async);  // It is no sign of work.
+    return true;
 }
 
 static void _count_open_handle(uv_handle_t* handle, void* argument) {
@@ -399,42 +385,15 @@ static void _count_open_handle(uv_handle_t* handle, void* argument) {
     (*(int32_t*)argument)++;
 }
 
-static int32_t _open_handles(uv_loop_t* loop) {
-    int32_t count = 0;
-    uv_walk(loop, _count_open_handle, &count);
-    return count;
-}
-
-// How long the end of the loop waits for handles when a lookup hangs, in turns of one millisecond.
-// Steps on workers are always waited for.
-enum {
-    ABANDON_TURNS = 200
-};
-
-// Loop thread, after uv_run has been stopped. Ends the sessions that run without the task manager
-// (sent while it stopped) and closes whatever is still open: idle connections, connections of
-// sessions that the host has not closed. Only lookups that hang in the system are left behind.
-static void _drain_loop(event_loop* record) {
-    uv_loop_t* loop = record->loop;
-    cancel_sessions_in_flight();
-    while (any_session_in_flight()) {
-        uv_run(loop, UV_RUN_ONCE);
-    }
-    http_connect_close_all();
-    int32_t hung_lookups = uv_connect_abandon_lookups();
-    for (int32_t turn = 0; uv_loop_alive(loop) != 0 && turn < ABANDON_TURNS; turn++) {
-        if (hung_lookups == 0) {
-            uv_run(loop, UV_RUN_ONCE);
-            turn = 0;
-            continue;
-        }
-        uv_run(loop, UV_RUN_NOWAIT);
-        hung_lookups = uv_connect_abandon_lookups();
-        uv_sleep(1);
-    }
-    uninit_workers();
-    _close_calls(record);
-    LOG_ASSERT(_open_handles(loop) == 0);
+static void _drain_loop(event_loop* loop) {
+    _close_async(&loop->stop_async);
+    loop->modules->drain();
+    _close_async(&loop->run_async);
+    uv_run(loop->loop, UV_RUN_NOWAIT);
+    int32_t open_handles = 0;
+    uv_walk(loop->loop, _count_open_handle, &open_handles);
+    LOG_ASSERT(open_handles == 0);
+    uv_mutex_destroy(&loop->queue_mutex);
 }
 
 // Entry of the loop thread.
@@ -443,20 +402,20 @@ static void loop_thread(void* argument) {
     loop->thread_id = uv_thread_self();
     own_loop = loop;
     platform_ignore_broken_pipe();
+    platform_fill_standard_descriptors();
 
-    bool ready = _init_loop(loop) && _init_loop_modules();
+    bool ready = _init_loop(loop) && loop->modules->init();
     loop->start_failed = ready ? 0 : 1;
     uv_sem_post(loop->start_sem);
 
     int result = 0;
-    if (ready) {
-        result = uv_run(loop->loop, UV_RUN_DEFAULT);
+    while (ready && loop->ended == 0) {
+        result = _run_turn(loop);
     }
     if (loop->loop != nullptr) {
-        _release_failed_start(loop);
         _drain_loop(loop);
     }
-    _uninit_loop_modules();
+    loop->modules->uninit();
     LOG_INFO("loop_thread, thread exits, ret=%d.", result);
     own_loop = nullptr;
 }
@@ -496,18 +455,16 @@ static void _delete_loop(uv_loop_t* loop) {
 
 // Host thread. Waits for the loop thread to be ready, or to have failed.
 static bool _run_loop(event_loop* loop) {
-    uv_sem_t* semaphore = (uv_sem_t*)calloc(1, sizeof(uv_sem_t));
-    if (semaphore == nullptr || uv_sem_init(semaphore, 0) != 0) {
-        free(semaphore);
+    uv_sem_t semaphore;
+    if (uv_sem_init(&semaphore, 0) != 0) {
         return false;
     }
-    loop->start_sem = semaphore;
+    loop->start_sem = &semaphore;
     bool running = uv_thread_create(&loop->thread, loop_thread, loop) == 0;
     if (running) {
-        uv_sem_wait(semaphore);
+        uv_sem_wait(&semaphore);
     }
-    uv_sem_destroy(semaphore);
-    free(semaphore);
+    uv_sem_destroy(&semaphore);
     loop->start_sem = nullptr;
 
     if (running && loop->start_failed != 0) {
@@ -518,19 +475,16 @@ static bool _run_loop(event_loop* loop) {
     return running;
 }
 
-bool run_event_loop(void) {
-    if (!_have_loop_lock()) {
-        _init_loop_lock();  // Once more: starts never run two at a time.
-    }
-    if (!_have_loop_lock()) {
-        LOG_INFO("run_event_loop, _run_loop failed.");
-        return false;
-    }
+bool run_event_loop(const loop_modules* modules) {
     _reap_abandoned_loops();
     if (current_loop.load(std::memory_order_acquire) != nullptr) {
         return true;
     }
-    event_loop* loop = (event_loop*)calloc(1, sizeof(event_loop));
+    has_loop_lock = has_loop_lock || uv_rwlock_init(&loop_lock) == 0;
+    event_loop* loop = has_loop_lock ? (event_loop*)calloc(1, sizeof(event_loop)) : nullptr;
+    if (loop != nullptr) {
+        loop->modules = modules;
+    }
     // Published only when it runs: no other thread can reach a half-made loop.
     if (loop == nullptr || !_run_loop(loop)) {
         LOG_INFO("run_event_loop, _run_loop failed.");
@@ -549,8 +503,7 @@ static void _stop_loop_thread(void) {
         return;
     }
     loop->stopping = 1;
-    // The loop thread clears the field as soon as it is awake.
-    while (uv_async_send(loop->stop_async.load(std::memory_order_relaxed)) != 0) {
+    while (uv_async_send(&loop->stop_async) != 0) {
         uv_sleep(1);  // Unheard, the stop would be waited for without end.
     }
     uv_thread_join(&loop->thread);

@@ -7,9 +7,10 @@
 
 // How often the loop polls between the end of a time-out and its report. Timers run before the
 // poll: after a callback that took long they would be served before the bytes that are there. The
-// second poll is for systems where the first one only collects what the next turn delivers.
+// second poll is for systems where the first one only collects what the next turn delivers, the
+// third because timers run behind a poll that has slept too.
 enum {
-    POLL_CHANCES = 2
+    POLL_CHANCES = 3
 };
 
 // What new_uv_timer makes.

@@ -76,11 +76,21 @@ TEST(Loop, DeferredCallsKeepTheirOrderAndLetOthersThrough) {
     EXPECT_EQ(0u, get.run());
 
     stop = true;
-    EXPECT_TRUE(wait_until([] {
-        int timeout = 0;
-        on_loop([&timeout] { timeout = uv_backend_timeout(get_uv_loop()); });
-        return timeout != 0;
+    uv_prepare_t prepare;
+    std::atomic<int> polls{0};
+    prepare.data = &polls;
+    on_loop([&prepare] {
+        uv_prepare_init(get_uv_loop(), &prepare);
+        uv_prepare_start(&prepare,
+                         [](uv_prepare_t* own) { (*static_cast<std::atomic<int>*>(own->data))++; });
+    });
+    EXPECT_TRUE(wait_until([&polls] {
+        int before = polls;
+        std::this_thread::sleep_for(milliseconds(5));
+        return polls - before < 3;
     })) << "a loop without deferred calls sleeps";
+    on_loop([&prepare] { uv_close(reinterpret_cast<uv_handle_t*>(&prepare), nullptr); });
+    on_loop([] {});  // The handle is on this stack.
 }
 
 TEST(Loop, TheLoopIsForItsOwnThreadOnly) {
