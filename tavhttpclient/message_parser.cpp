@@ -317,13 +317,6 @@ static int on_nothing(http_parser* state) {
     return 0;
 }
 
-static int on_nothing_data(http_parser* state, const char* piece, size_t length) {
-    (void)state;
-    (void)piece;
-    (void)length;
-    return 0;
-}
-
 static int on_message_begin(http_parser* state) {
     http_response* response = _response_of(state);
     if (!_count_header_bytes(response, MIN_LINE_BYTES)) {
@@ -488,19 +481,27 @@ static int on_surplus_message(http_parser* state) {
 
 // ------------------------------------------------------------------------------------ entry points
 
-static void _fill_settings(http_parser_settings* settings) {
-    http_parser_settings_init(settings);
-    settings->on_message_begin = on_message_begin;
-    settings->on_url = on_nothing_data;
-    settings->on_status = on_status;
-    settings->on_header_field = on_header_field;
-    settings->on_header_value = on_header_value;
-    settings->on_headers_complete = on_headers_complete;
-    settings->on_body = on_body;
-    settings->on_message_complete = on_message_complete;
-    settings->on_chunk_header = on_nothing;
-    settings->on_chunk_complete = on_nothing;
-}
+// In the order of the parser's record: message begin, URL, status, header field, header value,
+// headers complete, body, message complete, chunk header, chunk complete.
+static const http_parser_settings response_settings = {
+    on_message_begin,    nullptr, on_status,           on_header_field, on_header_value,
+    on_headers_complete, on_body, on_message_complete, on_nothing,      on_nothing,
+};
+
+// The bytes behind the final response belong to none. They must be those of HTTP messages all the
+// same.
+static const http_parser_settings surplus_settings = {
+    on_surplus_message,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+};
 
 // Up to the blank line; when the chunk ends before it, all but the last three bytes.
 static void _log_response_head(const char* data, uint32_t count) {
@@ -509,15 +510,6 @@ static void _log_response_head(const char* data, uint32_t count) {
         length++;
     }
     LOG_INFO("rsp-header: %.*s\n", (int)length, data);
-}
-
-// The bytes behind the final response belong to none. They must be those of HTTP messages all the
-// same. Returns the count that was.
-static size_t _drop_surplus(http_parser* state, const char* data, size_t count) {
-    http_parser_settings settings;
-    http_parser_settings_init(&settings);
-    settings.on_message_begin = on_surplus_message;
-    return count != 0 ? http_parser_execute(state, &settings, data, count) : 0;
 }
 
 static bool _start_parser(http_response* response, const char* data, uint32_t count) {
@@ -535,19 +527,21 @@ bool parse_response_message(http_response* response, const char* data, uint32_t 
     if (response == nullptr || data == nullptr || count == 0) {
         return false;
     }
-    http_parser_settings settings;
-    _fill_settings(&settings);
     if (response->parser == nullptr && !_start_parser(response, data, count)) {
         return false;
     }
     http_parser* state = &response->parser->parser;
     state->data = response;
-    size_t consumed = _is_over(response) ? 0 : http_parser_execute(state, &settings, data, count);
+    size_t consumed = 0;
+    if (!_is_over(response)) {
+        consumed = http_parser_execute(state, &response_settings, data, count);
+    }
     if (HTTP_PARSER_ERRNO(state) == HPE_PAUSED) {
         http_parser_pause(state, 0);
     }
-    if (_is_over(response)) {
-        consumed += _drop_surplus(state, data + consumed, count - consumed);
+    if (_is_over(response) && consumed < count) {
+        consumed +=
+            http_parser_execute(state, &surplus_settings, data + consumed, count - consumed);
     }
     // A body callback that refuses the last bytes of a chunk stops a parser that has used them all.
     return consumed == count && HTTP_PARSER_ERRNO(state) == HPE_OK;
