@@ -81,8 +81,8 @@ struct tls_state {
     uint64_t begun_time;  // tick count of the first bytes of what is not whole yet; 0: none
 };
 
-static void _https_connect(void* argument);
-static void _https_recv(void* argument);
+static void _https_connect(void* conn);
+static void _https_recv(void* conn);
 static void _send_pending_chunk(http_connection* conn);
 
 // ----------------------------------------------------------------------------------- the state
@@ -340,6 +340,27 @@ static bool _queue_held(http_connection* conn, worker_function work,
     return false;
 }
 
+// A call of the engine on a worker.
+struct engine_call {
+    const char* name;  // of its step, in log lines
+    worker_function work;
+    after_worker_function after_work;
+    pending_io_callback notify;  // reports that it could not be made
+};
+
+static void _start_engine_call(http_connection* conn, const engine_call* call) {
+    if (!http_connection_release(conn)) {
+        return;
+    }
+    if (get_uv_loop() == nullptr) {
+        LOG_ERROR("%s, get_uv_loop failed.", call->name);
+        call->notify(conn, TAV_HTTP_ERROR_CODE_NULL_EVENT_LOOP);
+    } else if (!_queue_held(conn, call->work, call->after_work)) {
+        LOG_ERROR("%s, uv_queue_work failed.", call->name);
+        call->notify(conn, TAV_HTTP_ERROR_CODE_FAIL_QUEUE_WORK);
+    }
+}
+
 // -------------------------------------------------------------------------- the name check
 
 char* find_common_name(char* subject) {
@@ -452,21 +473,13 @@ static void _after_work_ssl_connct(worker_step* request, int status) {
     }
 }
 
+static const engine_call connect_call = {"_https_connect", _work_ssl_connect,
+                                         _after_work_ssl_connct, _notify_https_connect_result};
+
 // Loop thread, the connection held. From _start_https_connect or _on_handshake_io; next
 // _work_ssl_connect.
-static void _https_connect(void* argument) {
-    http_connection* conn = (http_connection*)argument;
-    if (!http_connection_release(conn)) {
-        return;
-    }
-    uv_loop_t* loop = get_uv_loop();
-    if (loop == nullptr) {
-        LOG_ERROR("_https_connect, get_uv_loop failed.");
-        _notify_https_connect_result(conn, TAV_HTTP_ERROR_CODE_NULL_EVENT_LOOP);
-    } else if (!_queue_held(conn, _work_ssl_connect, _after_work_ssl_connct)) {
-        LOG_ERROR("_https_connect, uv_queue_work failed.");
-        _notify_https_connect_result(conn, TAV_HTTP_ERROR_CODE_FAIL_QUEUE_WORK);
-    }
+static void _https_connect(void* conn) {
+    _start_engine_call((http_connection*)conn, &connect_call);
 }
 
 // Between two requests. The engine takes in what came with the last response: records without data
@@ -538,20 +551,12 @@ static void _after_work_ssl_write(worker_step* request, int status) {
     }
 }
 
+static const engine_call write_call = {"_https_send", _work_ssl_write, _after_work_ssl_write,
+                                       _notify_https_send_result};
+
 // Loop thread, the connection held. From _start_https_send; next _work_ssl_write.
-static void _https_send(void* argument) {
-    http_connection* conn = (http_connection*)argument;
-    if (!http_connection_release(conn)) {
-        return;
-    }
-    uv_loop_t* loop = get_uv_loop();
-    if (loop == nullptr) {
-        LOG_ERROR("_https_send, get_uv_loop failed.");
-        _notify_https_send_result(conn, TAV_HTTP_ERROR_CODE_NULL_EVENT_LOOP);
-    } else if (!_queue_held(conn, _work_ssl_write, _after_work_ssl_write)) {
-        LOG_ERROR("_https_send, uv_queue_work failed.");
-        _notify_https_send_result(conn, TAV_HTTP_ERROR_CODE_FAIL_QUEUE_WORK);
-    }
+static void _https_send(void* conn) {
+    _start_engine_call((http_connection*)conn, &write_call);
 }
 
 // `timeout` is not used: each network step below has its own.
@@ -621,20 +626,12 @@ static void _after_work_ssl_read(worker_step* request, int status) {
     }
 }
 
+static const engine_call read_call = {"_https_recv", _work_ssl_read, _after_work_ssl_read,
+                                      _notify_https_recv_result};
+
 // Loop thread, the connection held. From _start_https_recv or _on_ssl_read_io; next _work_ssl_read.
-static void _https_recv(void* argument) {
-    http_connection* conn = (http_connection*)argument;
-    if (!http_connection_release(conn)) {
-        return;
-    }
-    uv_loop_t* loop = get_uv_loop();
-    if (loop == nullptr) {
-        LOG_ERROR("_https_recv, get_uv_loop failed.");
-        _notify_https_recv_result(conn, TAV_HTTP_ERROR_CODE_NULL_EVENT_LOOP);
-    } else if (!_queue_held(conn, _work_ssl_read, _after_work_ssl_read)) {
-        LOG_ERROR("_https_recv, uv_queue_work failed.");
-        _notify_https_recv_result(conn, TAV_HTTP_ERROR_CODE_FAIL_QUEUE_WORK);
-    }
+static void _https_recv(void* conn) {
+    _start_engine_call((http_connection*)conn, &read_call);
 }
 
 // `timeout` limits how long a record may take from its first byte on; each network step below has

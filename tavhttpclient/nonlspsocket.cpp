@@ -12,55 +12,51 @@
 #include "tavhttpclient/settings.h"
 #include "tavhttpclient/util.h"
 
-#define CATALOG_SIZE_W 8192
-#define CATALOG_SIZE_A 4096
-#define CATALOG_LINE 512
-#define GUID_TEXT 64
-
-// Cache content after a search without result; no entry lives at this address.
-#define NO_PROVIDER ((WSAPROTOCOL_INFOW*)(intptr_t)-1)
+enum {
+    CATALOG_SIZE_W = 8192,
+    CATALOG_SIZE_A = 4096,
+    CATALOG_LINE = 512,
+    GUID_TEXT = 64
+};
 
 // The operating system's own TCP/IP service provider.
-static const GUID _base_provider = {
+static const GUID base_provider = {
     0xE70F1AA0, 0xAB8B, 0x11CF, {0x8C, 0xA3, 0x00, 0x80, 0x5F, 0x48, 0xA1, 0x92}};
 
-// The base provider's catalogue entry per family: null before the first socket, then a heap copy or
-// NO_PROVIDER for the rest of the process.
-static WSAPROTOCOL_INFOW* _provider4 = nullptr;
-static WSAPROTOCOL_INFOW* _provider6 = nullptr;
+// The base provider's catalogue entry for the sockets of a family; searched for the first of them.
+struct provider_cache {
+    bool searched;
+    WSAPROTOCOL_INFOW* entry;  // null: not found
+};
+
+static provider_cache cache4;
+static provider_cache cache6;
 
 // ---------------------------------------------------------------------------------- catalogue
 
-// The TCP and UDP entries in a new array; null with the result in `*count` when that fails.
-static WSAPROTOCOL_INFOW* _enum_protocols_w(int* count) {
-    int filter[] = {IPPROTO_TCP, IPPROTO_UDP, 0};
-    DWORD size = CATALOG_SIZE_W;
-    WSAPROTOCOL_INFOW* entries = (WSAPROTOCOL_INFOW*)malloc(size);
-    while (entries != nullptr) {
-        *count = WSAEnumProtocolsW(filter, entries, &size);
-        if (*count != SOCKET_ERROR) {
-            return entries;
-        }
-        bool too_small = WSAGetLastError() == WSAENOBUFS;
-        free(entries);
-        entries = too_small ? (WSAPROTOCOL_INFOW*)malloc(size) : nullptr;
-    }
-    *count = SOCKET_ERROR;
-    return nullptr;
+typedef int (*enum_function)(int* filter, void* entries, DWORD* size);
+
+static int _enum_w(int* filter, void* entries, DWORD* size) {
+    return WSAEnumProtocolsW(filter, (WSAPROTOCOL_INFOW*)entries, size);
 }
 
-static WSAPROTOCOL_INFOA* _enum_protocols_a(int* count) {
+static int _enum_a(int* filter, void* entries, DWORD* size) {
+    return WSAEnumProtocolsA(filter, (WSAPROTOCOL_INFOA*)entries, size);
+}
+
+// The TCP and UDP entries in a new array; null with the result in `*count` when that fails. `size`
+// is what is tried first, in bytes.
+static void* _enum_protocols(enum_function enumerate, DWORD size, int* count) {
     int filter[] = {IPPROTO_TCP, IPPROTO_UDP, 0};
-    DWORD size = CATALOG_SIZE_A;
-    WSAPROTOCOL_INFOA* entries = (WSAPROTOCOL_INFOA*)malloc(size);
+    void* entries = malloc(size);
     while (entries != nullptr) {
-        *count = WSAEnumProtocolsA(filter, entries, &size);
+        *count = enumerate(filter, entries, &size);
         if (*count != SOCKET_ERROR) {
             return entries;
         }
         bool too_small = WSAGetLastError() == WSAENOBUFS;
         free(entries);
-        entries = too_small ? (WSAPROTOCOL_INFOA*)malloc(size) : nullptr;
+        entries = too_small ? malloc(size) : nullptr;
     }
     *count = SOCKET_ERROR;
     return nullptr;
@@ -70,11 +66,12 @@ static WSAPROTOCOL_INFOA* _enum_protocols_a(int* count) {
 static bool _GetBaseProviderInfo(int socket_type, WSAPROTOCOL_INFOW* output) {
     int count = 0;
     bool found = false;
-    WSAPROTOCOL_INFOW* entries = _enum_protocols_w(&count);
+    WSAPROTOCOL_INFOW* entries =
+        (WSAPROTOCOL_INFOW*)_enum_protocols(_enum_w, CATALOG_SIZE_W, &count);
     for (int i = 0; entries != nullptr && i < count && !found; ++i) {
         const WSAPROTOCOL_INFOW* entry = &entries[i];
         found = entry->iAddressFamily == AF_INET && entry->iSocketType == socket_type &&
-                memcmp(&entry->ProviderId, &_base_provider, sizeof(GUID)) == 0;
+                memcmp(&entry->ProviderId, &base_provider, sizeof(GUID)) == 0;
         if (found) {
             *output = *entry;
         }
@@ -100,7 +97,8 @@ static void _append_protocol_line(text_buffer* listing, const WSAPROTOCOL_INFOA*
 char* LogWSAProtocols(void) {
     text_buffer listing = {nullptr, 0, 0};
     int count = 0;
-    WSAPROTOCOL_INFOA* entries = _enum_protocols_a(&count);
+    WSAPROTOCOL_INFOA* entries =
+        (WSAPROTOCOL_INFOA*)_enum_protocols(_enum_a, CATALOG_SIZE_A, &count);
     if (entries == nullptr) {
         LOG_INFO("LogWSAProtocols, WSAEnumProtocolsA fail, ret=%d, err=%d", count,
                  WSAGetLastError());
@@ -119,23 +117,26 @@ char* LogWSAProtocols(void) {
 
 // ------------------------------------------------------------------------------------ sockets
 
-// The family's cached entry, or null; searches the catalogue for the first socket of the family.
+static void _log_missing_provider(int32_t family) {
+    char* listing = LogWSAProtocols();
+    LOG_INFO("CreateNonLSPSocket, _GetBaseProviderInfo fail, af=%d, type=%d, protocol=%d, "
+             "Protocol List:\n%s\n",
+             family, (int)SOCK_STREAM, (int)IPPROTO_TCP, listing != nullptr ? listing : "");
+    free(listing);
+}
+
 static WSAPROTOCOL_INFOW* _base_provider_info(int32_t family) {
-    WSAPROTOCOL_INFOW** cache = family == AF_INET ? &_provider4 : &_provider6;
-    if (*cache == nullptr) {
-        WSAPROTOCOL_INFOW* copy = (WSAPROTOCOL_INFOW*)calloc(1, sizeof(WSAPROTOCOL_INFOW));
-        *cache = copy;
-        if (copy == nullptr || !_GetBaseProviderInfo(SOCK_STREAM, copy)) {
-            free(copy);
-            *cache = NO_PROVIDER;
-            char* listing = LogWSAProtocols();
-            LOG_INFO("CreateNonLSPSocket, _GetBaseProviderInfo fail, af=%d, type=%d, protocol=%d, "
-                     "Protocol List:\n%s\n",
-                     family, (int)SOCK_STREAM, (int)IPPROTO_TCP, listing != nullptr ? listing : "");
-            free(listing);
+    provider_cache* cache = family == AF_INET ? &cache4 : &cache6;
+    if (!cache->searched) {
+        cache->searched = true;
+        cache->entry = (WSAPROTOCOL_INFOW*)calloc(1, sizeof(WSAPROTOCOL_INFOW));
+        if (cache->entry == nullptr || !_GetBaseProviderInfo(SOCK_STREAM, cache->entry)) {
+            free(cache->entry);
+            cache->entry = nullptr;
+            _log_missing_provider(family);
         }
     }
-    return *cache == NO_PROVIDER ? nullptr : *cache;
+    return cache->entry;
 }
 
 static SOCKET _plain_socket(int32_t family, int protocol) {
@@ -178,21 +179,13 @@ static void _close_socket(SOCKET sock) {
 }
 
 static int32_t _bind_any_address(uv_tcp_t* handle, int32_t family) {
-    struct sockaddr_in any4;
-    struct sockaddr_in6 any6;
-    int32_t ret = 0;
-    if (family == AF_INET) {
-        uv_ip4_addr("0.0.0.0", 0, &any4);
-        ret = uv_tcp_bind(handle, (const struct sockaddr*)&any4, 0);
-        if (ret != 0) {
-            LOG_INFO("uv_client_tcp_init, uv_tcp_bind fail, AF_INET, ret=%d", ret);
-        }
-        return ret;
-    }
-    uv_ip6_addr("::", 0, &any6);
-    ret = uv_tcp_bind(handle, (const struct sockaddr*)&any6, 0);
+    struct sockaddr_storage any;
+    memset(&any, 0, sizeof(any));
+    any.ss_family = family == AF_INET ? AF_INET : AF_INET6;  // The rest of both is zero.
+    int32_t ret = uv_tcp_bind(handle, (const struct sockaddr*)&any, 0);
     if (ret != 0) {
-        LOG_INFO("uv_client_tcp_init, uv_tcp_bind fail, AF_INET6, ret=%d", ret);
+        LOG_INFO("uv_client_tcp_init, uv_tcp_bind fail, %s, ret=%d",
+                 family == AF_INET ? "AF_INET" : "AF_INET6", ret);
     }
     return ret;
 }

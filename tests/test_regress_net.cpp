@@ -14,6 +14,29 @@
 
 namespace {
 
+// How many writes succeed before one fails in its callback; negative: none fails.
+std::atomic<int> good_writes{-1};
+uv_write_cb failing_callback = nullptr;  // loop thread
+
+void fail_in_callback(uv_write_t* request, int) {
+    failing_callback(request, UV_EPIPE);
+}
+
+}  // namespace
+
+int uv_write(uv_write_t* request, uv_stream_t* stream, const uv_buf_t* buffers, unsigned count,
+             uv_write_cb callback) {
+    using function = int (*)(uv_write_t*, uv_stream_t*, const uv_buf_t*, unsigned, uv_write_cb);
+    static auto real = reinterpret_cast<function>(dlsym(RTLD_NEXT, "uv_write"));
+    if (good_writes >= 0 && good_writes-- == 0) {
+        failing_callback = callback;
+        callback = fail_in_callback;
+    }
+    return real(request, stream, buffers, count, callback);
+}
+
+namespace {
+
 // Longer than the time-outs below: a callback of the host that holds the loop thread.
 void hold_up() {
     std::this_thread::sleep_for(milliseconds(250));
@@ -117,6 +140,31 @@ TEST(RegressNet, AnAbortEndsThePendingNetworkStep) {
         });
         expect_code(code::cancel, one.wait());
         EXPECT_EQ(1, one.completions());
+    }
+}
+
+TEST(RegressNet, AWriteThatFailsInItsCallbackEndsItsStep) {
+    library lib;
+    scripted_server socks(script{read_bytes(3), send_text(bytes_of("\5\2")), read_bytes(5),
+                                 send_text(bytes_of("\1\0")), stall()});
+    scripted_server plain(script{stall()});
+    const proxy_record login(2, socks.port(), "u", "p"), connect(1, plain.port());
+    const std::uint32_t proxy_send = TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_SEND;
+    const struct {
+        const proxy_info* proxy;
+        int good;
+        std::uint32_t expected;
+    } rows[] = {{login.get(), 0, proxy_send},
+                {login.get(), 1, proxy_send},
+                {login.get(), 2, proxy_send},
+                {connect.get(), 0, proxy_send},
+                {nullptr, 0, TAV_HTTP_ERROR_CODE_FAIL_SEND}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.good);
+        transfer one(plain.url(), TAV_HTTP_METHOD_GET, row.proxy);
+        good_writes = row.good;
+        expect_code(row.expected, one.run());
+        good_writes = -1;
     }
 }
 

@@ -34,6 +34,7 @@ TEST(CommonName, ComparedWithTheExpectedName) {
         bool matches;
     } rows[] = {
         {"host.test", "HOST.Test", true},
+        {"ZONE.test", "zone.TEST", true},
         {"host.test", "a.host.test", false},
         {"host.test", "host.tes", false},
         {"", "host.test", false},
