@@ -34,6 +34,7 @@
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
 #include "tavhttpclient/netbasehttp.h"
+#include "tavhttpclient/transport.h"
 #include "tavhttpclient/util.h"
 #include "tavhttpclient/worker.h"
 
