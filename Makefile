@@ -1,8 +1,8 @@
 # A thin front to CMake and scripts/. The presets build in build/<preset>.
 SOURCES = git ls-files -co --exclude-standard '*.h' '*.hpp' '*.c' '*.cpp'
-UNITS = git ls-files -co --exclude-standard 'tavhttpclient/*.cpp' 'platform/*.cpp'
+UNITS = git ls-files -co --exclude-standard 'tavhttpclient/*.cpp' 'platform/*.cpp' ':!platform/windows_*'
 
-.PHONY: demo test lint format docs clean fault fuzz soak bench
+.PHONY: demo test lint format docs clean fault fuzz soak bench windows windows-demo
 
 demo:
 	scripts/install-deps demo
@@ -47,6 +47,18 @@ bench:
 	scripts/install-deps bench
 	cmake --preset bench && cmake --build --preset bench
 	scripts/bench build/bench $(if $(QUICK),--quick)
+
+# The 32-bit library for Windows in build/windows/bin, and the demo under Wine.
+windows:
+	scripts/install-deps windows
+	scripts/windows-deps i686
+	cmake --preset windows
+	cmake --build --preset windows
+
+windows-demo: windows
+	scripts/windows-wine setup i686
+	scripts/demo scripts/windows-tavfetch; status=$$?; \
+	    scripts/windows-wine stop i686; exit $$status
 
 format:
 	$(SOURCES) | xargs clang-format -i

@@ -17,4 +17,4 @@ set(tavhttpclient_dependencies
     $<$<BOOL:${TAV_HTTP_WITH_TLS}>:OpenSSL::SSL>
     OpenSSL::Crypto
     Threads::Threads
-    $<$<PLATFORM_ID:Windows>:ws2_32>)
+    "$<$<PLATFORM_ID:Windows>:ws2_32;crypt32;bcrypt;ole32>")

@@ -1,16 +1,23 @@
-// Wide-character and 64-bit file calls of the Windows runtime library under their own names.
-// On Windows: <stdio.h>, <io.h>, <direct.h>, <sys/stat.h>, <time.h>.
+// Wide-character and 64-bit file calls of the Windows runtime library under their own names: on
+// Windows that library's headers, elsewhere stand-ins.
 //
-// As there, a backslash in a path separates as a slash does, and opening or removing a directory
-// as a file fails with EACCES.
+// On both, a backslash in a path separates as a slash does, and opening or removing a directory as
+// a file fails with EACCES.
 #ifndef PLATFORM_WIN_FILE_H
 #define PLATFORM_WIN_FILE_H
 
-#include <stdint.h>
 #include <stdio.h>
 #include <time.h>
 
 #include "platform/win_text.h"
+
+#if defined(_WIN32)
+#include <direct.h>
+#include <io.h>
+#include <sys/stat.h>
+#else
+
+#include <stdint.h>
 
 // fpos_t is a number on Windows; here it is opaque, so the two calls are replaced.
 typedef int64_t platform_fpos_t;
@@ -29,17 +36,6 @@ struct _stat64i32 {
 };
 #define _S_IFDIR 0x4000
 
-// Opens as _wfopen does in "rb", "r+b" or "w+b" mode, but a regular file only: a directory fails
-// with EACCES, any other thing with EINVAL, and neither is waited for. With an "x" in the mode the
-// file is made, and it is an error (EEXIST) when the name is taken, be it by a link. Processes
-// started meanwhile do not inherit the file.
-FILE* platform_fopen(const WCHAR* path, const char* mode);
-// True when the path leads to a device, a pipe or a socket.
-bool platform_is_special_file(const WCHAR* path);
-// libuv takes UTF-8 paths: gives one the separators with which it finds what the wide calls find.
-// Nothing is to be done on Windows.
-void platform_turn_separators(char* path);
-
 int _wremove(const WCHAR* path);
 int _wmkdir(const WCHAR* path);
 int _chsize(int descriptor, long size);
@@ -50,5 +46,17 @@ int platform_stat64i32(const char* path, struct _stat64i32* record);
 
 __time64_t _time64(__time64_t* output);
 struct tm* _gmtime64(const __time64_t* seconds);
+
+#endif
+
+// Opens as _wfopen does in "rb", "r+b" or "w+b" mode, but a regular file only: a directory fails
+// with EACCES, any other thing with EINVAL, and neither is waited for. With an "x" in the mode the
+// file is made, and it is an error (EEXIST) when the name is taken, be it by a link. Processes
+// started meanwhile do not inherit the file.
+FILE* platform_fopen(const WCHAR* path, const char* mode);
+// True when the path leads to a device, a pipe or a socket.
+bool platform_is_special_file(const WCHAR* path);
+// libuv takes UTF-8 paths: gives one the separators with which it finds what the wide calls find.
+void platform_turn_separators(char* path);
 
 #endif

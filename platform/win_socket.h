@@ -1,6 +1,20 @@
-// Winsock under its own names. On Windows: <winsock2.h>, <ws2tcpip.h>, <objbase.h>.
+// Winsock under its own names: on Windows the system's headers, elsewhere stand-ins.
 #ifndef PLATFORM_WIN_SOCKET_H
 #define PLATFORM_WIN_SOCKET_H
+
+#include "platform/win_text.h"
+
+#if defined(_WIN32)
+#include <ws2tcpip.h>
+
+// As <objbase.h> declares it, which brings all of COM and common names with it.
+extern "C" __declspec(dllimport) int __stdcall StringFromGUID2(const GUID& guid, WCHAR* output,
+                                                               int size);
+
+// Writes to a closed connection end in an error code.
+inline void platform_ignore_broken_pipe(void) {
+}
+#else
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -9,8 +23,6 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/types.h>
-
-#include "platform/win_text.h"
 
 typedef int SOCKET;
 #define INVALID_SOCKET ((SOCKET)-1)
@@ -86,10 +98,10 @@ int closesocket(SOCKET sock);
 int ioctlsocket(SOCKET sock, long command, u_long* argument);
 int WSAGetLastError(void);
 // "{E70F1AA0-AB8B-11CF-8CA3-00805F48A192}"; characters written with the zero, 0 when too small.
-int StringFromGUID2(const GUID* guid, WCHAR* output, int size);
+int StringFromGUID2(const GUID& guid, WCHAR* output, int size);
 
 // A write to a connection that the peer has closed must end in an error code, not in a signal that
-// kills the host. Called once on the thread that writes to sockets. Nothing to do on Windows.
+// kills the host. Called once on the thread that writes to sockets.
 void platform_ignore_broken_pipe(void);
 // Makes descriptors 0 to 2 valid where the host has closed them, so that nothing opened from here
 // on gets one of them, and what the host prints does not end up in it. They stay: by the time of a
@@ -101,4 +113,5 @@ void platform_fill_standard_descriptors(void);
 void platform_set_protocol_catalog(const WSAPROTOCOL_INFOW* entries, int count);
 void platform_fail_enum_protocols(int error);
 
+#endif
 #endif

@@ -1,11 +1,16 @@
-// Windows text calls under their own names. On Windows: <windows.h>.
+// Windows text calls under their own names: on Windows the system's headers, elsewhere stand-ins.
 #ifndef PLATFORM_WIN_TEXT_H
 #define PLATFORM_WIN_TEXT_H
 
+#include "platform/win_time.h"
+
+#if defined(_WIN32)
+#include <stdlib.h>
+#include <string.h>
+#else
+
 #include <stdint.h>
 #include <wchar.h>
-
-#include "platform/win_time.h"
 
 // One UTF-16 code unit; here wchar_t is wider and half of it stays empty.
 typedef wchar_t WCHAR;
@@ -27,4 +32,5 @@ int _stricmp(const char* first, const char* second);
 int _strnicmp(const char* first, const char* second, size_t count);
 int64_t _atoi64(const char* text);
 
+#endif
 #endif

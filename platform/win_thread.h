@@ -1,10 +1,12 @@
-// Windows calls of a thread that waits without sleeping. On Windows: <windows.h>.
+// Windows calls of a thread that waits without sleeping: on Windows the system's header, elsewhere
+// stand-ins.
 #ifndef PLATFORM_WIN_THREAD_H
 #define PLATFORM_WIN_THREAD_H
 
-#include <sched.h>
-
 #include "platform/win_time.h"
+
+#if !defined(_WIN32)
+#include <sched.h>
 
 // Tells the processor that this thread spins.
 inline void YieldProcessor(void) {
@@ -20,4 +22,5 @@ inline BOOL SwitchToThread(void) {
     return sched_yield() == 0;
 }
 
+#endif
 #endif

@@ -1,6 +1,13 @@
-// Windows time and atomic calls under their own names. On Windows: <windows.h>.
+// Windows time and atomic calls under their own names: on Windows the system's header, elsewhere
+// stand-ins.
 #ifndef PLATFORM_WIN_TIME_H
 #define PLATFORM_WIN_TIME_H
+
+#if defined(_WIN32)
+#include <winsock2.h>  // never behind <windows.h>, which would bring its predecessor
+
+#include <windows.h>
+#else
 
 #include <stdint.h>
 
@@ -19,4 +26,5 @@ BOOL QueryPerformanceCounter(LARGE_INTEGER* count);
 // Adds atomically; returns the old value.
 LONG InterlockedExchangeAdd(volatile LONG* target, LONG value);
 
+#endif
 #endif

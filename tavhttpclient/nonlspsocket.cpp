@@ -84,7 +84,7 @@ static void _append_protocol_line(text_buffer* listing, const WSAPROTOCOL_INFOA*
     WCHAR guid[GUID_TEXT];
     char line[CATALOG_LINE];
     memset(guid, 0, sizeof(guid));
-    StringFromGUID2(&entry->ProviderId, guid, GUID_TEXT);
+    StringFromGUID2(entry->ProviderId, guid, GUID_TEXT);
     string_printf_bounded(line, CATALOG_LINE,
                           "EntryId=%d, Name=%s, ChainLen=%d, Version=%d, AF=%d, SockType=%d, "
                           "Protocol=%d, Guid=%S\n",

@@ -193,8 +193,8 @@ TEST_F(Catalog, HasTheBaseEntry) {
     EXPECT_EQ(SOCK_STREAM, buffer[0].iSocketType);
     EXPECT_EQ(1, buffer[0].ProtocolChain.ChainLen);
     WCHAR text[39];
-    EXPECT_EQ(0, StringFromGUID2(&buffer[0].ProviderId, text, 38));
-    ASSERT_EQ(39, StringFromGUID2(&buffer[0].ProviderId, text, 39));
+    EXPECT_EQ(0, StringFromGUID2(buffer[0].ProviderId, text, 38));
+    ASSERT_EQ(39, StringFromGUID2(buffer[0].ProviderId, text, 39));
     EXPECT_EQ("{E70F1AA0-AB8B-11CF-8CA3-00805F48A192}", take(wide_to_utf8(text)));
     int udp[] = {IPPROTO_UDP, 0};
     EXPECT_EQ(0, WSAEnumProtocolsW(udp, buffer.data(), &size));
