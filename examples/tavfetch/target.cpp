@@ -193,7 +193,11 @@ bool close_target(transfer_target* target) {
     target->stream = nullptr;
     if (!target->folder.empty()) {
         std::error_code ignored;
-        fs::remove_all(fs::u8path(target->folder), ignored);
+        fs::remove(fs::u8path(target->working), ignored);
+        // A session that did not end in time leaves a file of the library's in it.
+        if (!fs::remove(fs::u8path(target->folder), ignored)) {
+            fs::remove_all(fs::u8path(target->folder), ignored);
+        }
         target->folder.clear();
     }
     return ok;
