@@ -4,10 +4,10 @@
 
 #include <string>
 
-#include "tavhttpclient/tavhttpclient.h"
+#include "tavhttpclient/tavhttpclient_typed.h"
 
-// A query whose value is a text; empty when there is none.
-std::string query_text(http_session* session, uint32_t query);
+// What one of the getters of texts says, such as tav_http_get_status_text; empty without a value.
+std::string query_text(http_session* session, uint32_t (*get)(http_session*, const char**));
 
 // The first value of a response header; empty when there is none.
 std::string query_header(http_session* session, const char* name);

@@ -73,7 +73,7 @@ static double seconds_between(time_point from, time_point to) {
 // the server refused: it goes with the failure.
 static std::string left_file(const transfer& item, http_session* session, uint32_t code) {
     std::error_code ignored;
-    std::string path = query_text(session, TAV_HTTP_QUERY_FILE_PATH);
+    std::string path = query_text(session, tav_http_get_file_path);
     if (path.empty()) {
         return "";
     }
@@ -85,14 +85,13 @@ static std::string left_file(const transfer& item, http_session* session, uint32
 
 static void read_session(const transfer& item, http_session* session, transfer_result* result) {
     char peer[64] = "";
-    tavHTTPQueryInfo(session, TAV_HTTP_QUERY_PEER_ADDRESS, peer, nullptr, nullptr);
-    tavHTTPQueryInfo(session, TAV_HTTP_QUERY_BODY_BYTES, &result->bytes, nullptr, nullptr);
-    tavHTTPQueryInfo(session, TAV_HTTP_QUERY_LAST_MODIFIED, &result->last_modified, nullptr,
-                     nullptr);
+    tav_http_get_peer_address(session, peer);
+    tav_http_get_body_bytes(session, &result->bytes);
+    tav_http_get_last_modified(session, &result->last_modified);
     result->peer = peer;
     result->status = query_status(session);
-    result->status_text = query_text(session, TAV_HTTP_QUERY_STATUS_TEXT);
-    result->final_url = shown_url(query_text(session, TAV_HTTP_QUERY_CURRENT_URL));
+    result->status_text = query_text(session, tav_http_get_status_text);
+    result->final_url = shown_url(query_text(session, tav_http_get_current_url));
     result->location = shown_url(query_header(session, "Location"));
     result->retry_after = query_header(session, "Retry-After");
     result->date = query_header(session, "Date");

@@ -22,7 +22,7 @@ using std::chrono::steady_clock;
 static const milliseconds REDRAW_INTERVAL(100);
 
 // How long the closed sessions may take to end after a signal.
-static const std::chrono::seconds LONGEST_FAREWELL(2);
+static const std::chrono::seconds LONGEST_FAREWELL(1);
 
 static const int MOST_REDIRECTS = 11;
 

@@ -34,7 +34,7 @@ void trace_response(const transfer& item, http_session* session) {
     if (item.args->verbose) {
         trace_lines(item, "<",
                     "HTTP " + std::to_string(query_status(session)) + " " +
-                        query_text(session, TAV_HTTP_QUERY_STATUS_TEXT) + "\r\n" +
+                        query_text(session, tav_http_get_status_text) + "\r\n" +
                         query_raw_headers(session));
     }
 }

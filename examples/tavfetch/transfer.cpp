@@ -81,7 +81,7 @@ static int64_t total_of_content_range(const std::string& value) {
 // disk is still as it was.
 static transfer_verdict judge_rest(http_session* session, const transfer& item, uint32_t status) {
     int64_t first = 0;
-    tavHTTPQueryInfo(session, TAV_HTTP_QUERY_RANGE_START, &first, nullptr, nullptr);
+    tav_http_get_range_start(session, &first);
     if (status == 206 && first == item.resume_from) {
         return VERDICT_NONE;
     }
@@ -125,7 +125,7 @@ static void on_download_start(http_session* session, void* user_data, const char
                               uint64_t range_start, uint64_t, uint64_t content_length) {
     transfer* item = (transfer*)user_data;
     uint32_t encoding = 0;
-    tavHTTPQueryInfo(session, TAV_HTTP_QUERY_CONTENT_ENCODING, &encoding, nullptr, nullptr);
+    tav_http_get_content_encoding(session, &encoding);
     std::lock_guard<std::mutex> guard(item->lock);
     item->progress.phase = PHASE_RECEIVING;
     item->progress.received = (int64_t)range_start;
@@ -199,22 +199,15 @@ static void on_complete(http_session*, void* user_data, uint32_t code) {
 }
 
 static void set_callbacks(http_session* session, const transfer* item) {
-    connecting_callback connecting = on_connecting;
-    connected_callback connected = on_connected;
-    upload_progress_callback upload = on_upload_progress;
-    response_header_callback header = on_response_header;
-    download_start_callback download = on_download_start;
-    download_data_callback data = on_data;
-    redirect_callback redirect = on_redirect;
-    tavHTTPSetOption(session, TAV_HTTP_OPTION_CONNECTING_CALLBACK, connecting);
-    tavHTTPSetOption(session, TAV_HTTP_OPTION_CONNECTED_CALLBACK, connected);
-    tavHTTPSetOption(session, TAV_HTTP_OPTION_UPLOAD_PROGRESS_CALLBACK, upload);
-    tavHTTPSetOption(session, TAV_HTTP_OPTION_RESPONSE_HEADER_CALLBACK, header);
-    tavHTTPSetOption(session, TAV_HTTP_OPTION_DOWNLOAD_START_CALLBACK, download);
-    tavHTTPSetOption(session, TAV_HTTP_OPTION_REDIRECT_CALLBACK, redirect);
+    tav_http_set_connecting(session, on_connecting);
+    tav_http_set_connected(session, on_connected);
+    tav_http_set_upload_progress(session, on_upload_progress);
+    tav_http_set_response_header(session, on_response_header);
+    tav_http_set_download_start(session, on_download_start);
+    tav_http_set_redirect(session, on_redirect);
     // With a data callback the library keeps no body in memory.
     if (item->target.kind != TARGET_MEMORY) {
-        tavHTTPSetOption(session, TAV_HTTP_OPTION_DOWNLOAD_DATA_CALLBACK, data);
+        tav_http_set_download_data(session, on_data);
     }
 }
 

@@ -14,7 +14,7 @@
 #include "checksum.h"
 #include "events.h"
 #include "target.h"
-#include "tavhttpclient/tavhttpclient.h"
+#include "tavhttpclient/tavhttpclient_typed.h"
 
 typedef std::chrono::steady_clock::time_point time_point;
 
