@@ -23,7 +23,7 @@ enum {
 // ------------------------------------------------------------------------------------------- retry
 
 // Frees what belongs to the attempt that is over.
-static void _drop_attempt(http_session* session) {
+static void _discard_attempt(http_session* session) {
     free_http_response(session->response);
     session->response = nullptr;
     close_session_connection(session);
@@ -39,7 +39,7 @@ void _start_retry(http_session* session, uint32_t code) {
     }
     LOG_INFO("_start_retry, session id=%d, error=%d, retry-count=%d", (int32_t)session->id,
              (int32_t)code, session->retry_count);
-    _drop_attempt(session);
+    _discard_attempt(session);
     _on_async_start_connect(session);
 }
 
@@ -77,7 +77,7 @@ static void _start_redirect(http_session* session) {
     request->referer = request->url;
     request->url = url;
     request->redirect_count++;
-    _drop_attempt(session);
+    _discard_attempt(session);
     _on_async_start_connect(session);
 }
 

@@ -92,4 +92,66 @@ TEST(SilentPeer, HoldsUpNeitherTheNextSessionNorTheShutdown) {
     }
 }
 
+// Holds back the last log line of each completion.
+std::atomic<bool> stop_begun{false}, held_back{true};
+std::atomic<int> completing{0};
+
+void hold_completions(std::int32_t, const char*, const char* text) {
+    std::string line = text;
+    stop_begun = stop_begun || line == "uninit_flow_start";
+    if (line.rfind("perf stat", 0) == 0 && stop_begun) {
+        completing++;
+        wait_until([] { return !held_back; });
+    }
+}
+
+// What the library is too late to release is not silenced either.
+TEST(Close, RefusedByAStopLeavesTheCompletion) {
+    library lib;
+    scripted_server server(script{expect_request(), stall()});
+    scripted_server quick(reply_with(response(200, "x")));
+    transfer first(quick.url());
+    std::vector<std::unique_ptr<transfer>> late;  // one for each worker
+    std::atomic<bool> inside{false};
+    first.at("complete", [&](transfer&) {
+        inside = true;
+        EXPECT_TRUE(server.wait_for_requests(4)) << "they run without the task manager";
+    });
+    EXPECT_EQ(0u, first.send());
+    EXPECT_TRUE(wait_until([&] { return inside.load(); }));
+    tavHTTPSetLogCallback(hold_completions);
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] { lib.shutdown(); });
+    EXPECT_TRUE(wait_until([] { return stop_begun.load(); }));
+    for (int i = 0; i < 4; i++) {
+        late.push_back(std::make_unique<transfer>(server.url()));
+        EXPECT_EQ(0u, late.back()->send());
+    }
+    EXPECT_TRUE(wait_until([] { return completing == 4; }));
+    std::atomic<bool> done{false};
+    std::atomic<int> closers{0};
+    for (auto& session : late) {
+        threads.emplace_back([&done, &closers, handle = session->handle()] {
+            closers++;
+            std::uint32_t accepted = 0;
+            while (!done) {
+                accepted |= tavHTTPClose(handle);
+            }
+            EXPECT_EQ(0u, accepted);
+        });
+    }
+    EXPECT_TRUE(wait_until([&] { return closers == 4; }));
+    held_back = false;
+    threads[0].join();
+    done = true;
+    for (std::size_t i = 1; i < threads.size(); i++) {
+        threads[i].join();
+    }
+    tavHTTPSetLogCallback(nullptr);
+    for (auto& session : late) {
+        EXPECT_EQ(1, session->completions());
+    }
+    lib.startup();
+}
+
 }  // namespace
