@@ -62,7 +62,8 @@ static void _on_send_timeout(uv_timer_t* timer) {
     if (!LOG_ASSERT(conn != nullptr)) {
         return;
     }
-    if (!LOG_ASSERT(uv_timer_stop(timer) == 0)) {
+    int stopped = uv_timer_stop(timer);
+    if (!LOG_ASSERT(stopped == 0)) {
         LOG_ERROR("_on_send_timeout, uv_timer_stop failed, conn-id=%d", (int)conn->id);
     }
     LOG_INFO("_uv_write_timeout, conn-id=%u", conn->id);

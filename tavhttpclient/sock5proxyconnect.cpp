@@ -124,6 +124,23 @@ static uint32_t _read_reply(sock5_ctx* ctx, uv_io_recv_cb callback) {
     return uv_recv_timeout((uv_stream_t*)ctx->tcp, ctx->io, &ctx->recv_buffer, callback);
 }
 
+// The second half of steps 1 and 2: the message is out, or was not taken.
+static void _start_reply(uv_write_t* request, int status, const char* function,
+                         uv_io_recv_cb callback) {
+    sock5_ctx* ctx = (sock5_ctx*)request->data;
+    status = _write_status(ctx, status);
+    if (status < 0) {
+        LOG_ERROR("%s, failed, status=%d", function, status);
+        _notify_connect_result(ctx, TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_SEND);
+        return;
+    }
+    uint32_t err = _read_reply(ctx, callback);
+    if (err != 0) {
+        LOG_ERROR("%s, uv_recv_timeout failed. ret=%d", function, (int32_t)err);
+        _notify_connect_result(ctx, TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_RECV);
+    }
+}
+
 // ---------------------------------------------------------------------- step 3: the destination
 
 // Keeps the address of a successful reply; false for a reply without a whole one.
@@ -259,19 +276,8 @@ static void _step2_verify_userpwd_recv_result(uint32_t status, uv_io_ctx* io, te
 
 // Loop thread. From _step2_verify_userpwd; next _step2_verify_userpwd_recv_result.
 static void _step2_verify_userpwd_send_result(uv_write_t* request, int status) {
-    sock5_ctx* ctx = (sock5_ctx*)request->data;
-    status = _write_status(ctx, status);
-    if (status < 0) {
-        LOG_ERROR("_step2_verify_userpwd_send_result, failed, status=%d", status);
-        _notify_connect_result(ctx, TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_SEND);
-        return;
-    }
-    uint32_t err = _read_reply(ctx, _step2_verify_userpwd_recv_result);
-    if (err != 0) {
-        LOG_ERROR("_step2_verify_userpwd_send_result, uv_recv_timeout failed. ret=%d",
-                  (int32_t)err);
-        _notify_connect_result(ctx, TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_RECV);
-    }
+    _start_reply(request, status, "_step2_verify_userpwd_send_result",
+                 _step2_verify_userpwd_recv_result);
 }
 
 static void _step2_verify_userpwd(sock5_ctx* ctx) {
@@ -339,18 +345,7 @@ static void _step1_recv_result(uint32_t status, uv_io_ctx* io, text_buffer* buff
 
 // Loop thread. From _step1_auth_method_negotiation; next _step1_recv_result.
 static void _step1_send_result(uv_write_t* request, int status) {
-    sock5_ctx* ctx = (sock5_ctx*)request->data;
-    status = _write_status(ctx, status);
-    if (status < 0) {
-        LOG_ERROR("_step1_send_result, failed, status=%d", status);
-        _notify_connect_result(ctx, TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_SEND);
-        return;
-    }
-    uint32_t err = _read_reply(ctx, _step1_recv_result);
-    if (err != 0) {
-        LOG_ERROR("_step1_send_result, uv_recv_timeout failed. ret=%d", (int32_t)err);
-        _notify_connect_result(ctx, TAV_HTTP_ERROR_CODE_CONNECT_PROXY_FAIL_RECV);
-    }
+    _start_reply(request, status, "_step1_send_result", _step1_recv_result);
 }
 
 static void _step1_auth_method_negotiation(sock5_ctx* ctx) {
