@@ -43,7 +43,7 @@ struct sock5_ctx {
     proxy_connect_cb callback;
     uv_tcp_t* tcp;  // owned until handed out
     struct sockaddr_storage peer_address;
-    struct sockaddr_storage bound_address;  // what the proxy says; the port is in host order
+    struct sockaddr_storage bound_address;  // what the proxy says, the port in host order; unread
     text_buffer send_buffer;                // must outlive the write
     text_buffer recv_buffer;
     uv_io_ctx* io;
