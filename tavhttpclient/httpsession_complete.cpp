@@ -7,6 +7,7 @@
 
 #include "platform/win_time.h"
 #include "tavhttpclient/connectionpool.h"
+#include "tavhttpclient/hostcall.h"
 #include "tavhttpclient/transport.h"
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httprequest.h"
@@ -107,6 +108,7 @@ static void _internal_notify_download_complete(http_session* session) {
     complete_callback callback = session->complete_cb;
     session->complete_cb = nullptr;
     if (callback != nullptr && session_may_call_host(session)) {
+        before_host_call();
         callback(session, session->user_data, result);
     }
 }
