@@ -17,6 +17,7 @@ test:
 	ctest --preset release
 
 lint:
+	scripts/check-layers
 	scripts/install-deps ci
 	$(SOURCES) | xargs clang-format --dry-run -Werror
 	cmake --preset clang

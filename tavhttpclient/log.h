@@ -1,5 +1,8 @@
 // Logging and assertions: every diagnostic line of the library, from any thread, goes to the one
 // callback that the host installed.
+//
+// The texts are a contract, the names of functions in them included: hosts filter by them. A line
+// keeps its text when the function that writes it is renamed or split.
 #ifndef TAVHTTPCLIENT_LOG_H
 #define TAVHTTPCLIENT_LOG_H
 
