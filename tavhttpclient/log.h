@@ -10,11 +10,13 @@
 
 #include "tavhttpclient/tavhttpclient.h"
 
-#define LOG_LEVEL_ERROR 1000
-#define LOG_LEVEL_INFO 2000
-#define LOG_LEVEL_DETAIL 3000
+enum {
+    LOG_LEVEL_ERROR = 1000,
+    LOG_LEVEL_INFO = 2000,
+    LOG_LEVEL_DETAIL = 3000
+};
 
-#define LOG_TAG "tavhttp"
+static const char LOG_TAG[] = "tavhttp";
 
 #if defined(__GNUC__)
 #define LOG_PRINTF(format_index, first_argument)                                                   \

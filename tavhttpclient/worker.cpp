@@ -34,7 +34,7 @@ struct worker_queue {
     list_link waiting;
     std::atomic<int32_t> waiting_count;  // also looked at without the mutex
     int32_t free_workers;                // sure to come for a step: on their way, or spinning
-    uint64_t came_at;                    // when a worker last came for a step
+    uint64_t came_at;                    // when a worker last came for a step, or one began to wait
     bool someone_spins;                  // one is enough
 
     std::atomic<uint8_t> spins;  // spinning has paid lately
@@ -189,6 +189,9 @@ static void _run_result(loop_call* call) {
 // before the loop thread sleeps.
 static bool _append_step(worker_step* step, uint64_t now) {
     _lock();
+    if (list_empty(&queue.waiting)) {
+        queue.came_at = now;
+    }
     list_append(&queue.waiting, &step->call.link);
     int32_t count = queue.waiting_count.fetch_add(1, std::memory_order_relaxed) + 1;
     bool stalled = count > queue.free_workers && now - queue.came_at > SPIN_NS;

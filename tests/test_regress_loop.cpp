@@ -40,13 +40,18 @@ TEST(HostCall, NoStepWaitsForALoopThreadThatTheHostBlocks) {
     library lib;
     worker_step steps[2] = {};
     tavHTTPSetLogCallback(wait_in_log);
-    on_loop([&steps] {
-        EXPECT_EQ(0, queue_worker_step(&steps[0], wait_for_second, count_end));
-        EXPECT_EQ(0, queue_worker_step(&steps[1], run_second, count_end));
-        LOG_INFO("wait");
-    });
+    // The second step gets a worker anyway when the first of them is slow to come.
+    for (int i = 0; i < 20 && !HasFailure(); i++) {
+        second_ran = false;
+        ended = 0;
+        on_loop([&steps] {
+            EXPECT_EQ(0, queue_worker_step(&steps[0], wait_for_second, count_end));
+            EXPECT_EQ(0, queue_worker_step(&steps[1], run_second, count_end));
+            LOG_INFO("wait");
+        });
+        EXPECT_TRUE(wait_until([] { return ended == 2; }));
+    }
     tavHTTPSetLogCallback(nullptr);
-    EXPECT_TRUE(wait_until([] { return ended == 2; }));
 }
 
 // A daemon's process: what it opens first must not become the library's standard output.
