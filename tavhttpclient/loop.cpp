@@ -29,6 +29,7 @@ struct event_loop {
     uv_sem_t* start_sem;    // during the start handshake only
     uv_async_t stop_async;  // wakes the loop for the stop
     uv_async_t run_async;   // wakes the loop for the inbox
+    uv_prepare_t prepare;   // the last look before the poll
 
     uv_mutex_t queue_mutex;  // guards the inbox:
     list_link queue;         // loop_call entries, oldest first
@@ -37,6 +38,7 @@ struct event_loop {
     std::atomic<uint8_t> has_calls;  // in `queue`; for a look without the mutex
 
     uint64_t spin_until;   // uv_hrtime; 0: it would not pay
+    uint8_t may_sleep;     // in the poll of this turn
     uint8_t deferred;      // a call that async_run queued waits for the next poll
     uint8_t stopping;      // unread
     uint8_t ended;         // no further turn, but for the drain
@@ -246,7 +248,6 @@ static bool _goes_to_sleep(event_loop* loop) {
         return false;
     }
     loop->spin_until = 0;
-    loop->modules->before_sleep();
     lock_spinning(&loop->queue_mutex);
     bool sleeps = list_empty(&loop->queue);
     loop->sleeps = sleeps ? 1 : 0;
@@ -260,10 +261,25 @@ static void _wake_up(event_loop* loop) {
     uv_mutex_unlock(&loop->queue_mutex);
 }
 
+// Loop thread, right before the poll. Timers run behind the decision about sleep: the poll must not
+// sleep over what they have queued.
+static void _on_prepare(uv_prepare_t* prepare) {
+    event_loop* loop = (event_loop*)prepare->data;
+    if (loop->may_sleep == 0) {
+        return;
+    }
+    loop->modules->before_sleep();
+    if (loop->has_calls.load(std::memory_order_relaxed) != 0) {
+        uv_async_send(&loop->run_async);
+    }
+}
+
 static int _run_turn(event_loop* loop) {
     int result = 0;
     if (_goes_to_sleep(loop)) {
+        loop->may_sleep = 1;
         result = uv_run(loop->loop, UV_RUN_ONCE);
+        loop->may_sleep = 0;
         _wake_up(loop);
     } else {
         result = uv_run(loop->loop, UV_RUN_NOWAIT);
@@ -376,7 +392,11 @@ static bool _init_loop(event_loop* loop) {
         !_init_async(loop, &loop->run_async, _on_async_run_safe)) {
         return false;
     }
-    uv_unref((uv_handle_t*)&loop->run_async);  // It is no sign of work.
+    uv_unref((uv_handle_t*)&loop->run_async);  // It is no sign of work, nor is the other.
+    uv_prepare_init(loop->loop, &loop->prepare);
+    uv_prepare_start(&loop->prepare, _on_prepare);
+    uv_unref((uv_handle_t*)&loop->prepare);
+    loop->prepare.data = loop;
     return true;
 }
 
@@ -389,6 +409,9 @@ static void _drain_loop(event_loop* loop) {
     _close_async(&loop->stop_async);
     loop->modules->drain();
     _close_async(&loop->run_async);
+    if (loop->prepare.data != nullptr) {
+        uv_close((uv_handle_t*)&loop->prepare, nullptr);
+    }
     uv_run(loop->loop, UV_RUN_NOWAIT);
     int32_t open_handles = 0;
     uv_walk(loop->loop, _count_open_handle, &open_handles);

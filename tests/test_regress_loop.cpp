@@ -54,6 +54,25 @@ TEST(HostCall, NoStepWaitsForALoopThreadThatTheHostBlocks) {
     tavHTTPSetLogCallback(nullptr);
 }
 
+std::atomic<bool> deferred_ran{false};
+
+// In this loop nothing else would ever end the poll.
+TEST(Turn, ThePollDoesNotSleepOverWhatATimerHasQueued) {
+    static uv_timer_t timer;
+    const loop_modules none = {[] { return true; }, [] {}, [](void*) { return false; },
+                               [] { run_loop_turn(); }, [] {}};
+    ASSERT_TRUE(run_event_loop(&none));
+    on_loop([] {
+        uv_timer_init(get_uv_loop(), &timer);
+        auto on_due = [](uv_timer_t*) { async_run([](void*) { deferred_ran = true; }, nullptr); };
+        uv_timer_start(&timer, on_due, 1, 0);
+        uv_sleep(5);  // It is due when the next turn begins.
+    });
+    EXPECT_TRUE(wait_until([] { return deferred_ran.load(); }));
+    on_loop([] { uv_close(reinterpret_cast<uv_handle_t*>(&timer), nullptr); });
+    stop_event_loop();
+}
+
 // A daemon's process: what it opens first must not become the library's standard output.
 [[noreturn]] void transfer_without_standard_descriptors(const std::string& url) {
     for (int descriptor : {0, 1, 2}) {
