@@ -8,7 +8,6 @@
 #include "platform/win_time.h"
 #include "tavhttpclient/connectionpool.h"
 #include "tavhttpclient/hostcall.h"
-#include "tavhttpclient/transport.h"
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httprequest.h"
 #include "tavhttpclient/httpresponse.h"
@@ -17,6 +16,7 @@
 #include "tavhttpclient/loop.h"
 #include "tavhttpclient/settings.h"
 #include "tavhttpclient/statistics.h"
+#include "tavhttpclient/transport.h"
 
 enum {
     CONNECTION_MODE_KEEP_ALIVE = 1
