@@ -4,7 +4,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "platform/win_text.h"
 #include "tavhttpclient/session_record.h"
 #include "tavhttpclient/settings.h"
 #include "tavhttpclient/upload_item.h"

@@ -1,7 +1,6 @@
 // tavHTTPQueryInfo: what the host reads from a session when it is over.
 //
 // It takes no lock: results are read when no step runs.
-#include <stdlib.h>
 #include <string.h>
 
 #include "platform/win_text.h"

@@ -4,7 +4,6 @@
 
 #include <stdlib.h>
 
-#include "platform/win_text.h"
 #include "platform/win_time.h"
 #include "tavhttpclient/httpconnect.h"
 #include "tavhttpclient/httpoption.h"

@@ -7,12 +7,11 @@
 
 #include "tavhttpclient/fs.h"
 #include "tavhttpclient/httpoption.h"
-#include "tavhttpclient/httprequest.h"
 #include "tavhttpclient/httpresponse.h"
 #include "tavhttpclient/httpsession_steps.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
-#include "tavhttpclient/transport.h"
+#include "tavhttpclient/request_record.h"
 #include "tavhttpclient/util.h"
 
 enum {
