@@ -14,7 +14,7 @@ set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin")
 # tavhttpclient.dll with the exports of the .def file, an import library, and what Explorer shows.
 function(tav_http_windows_dll target)
     configure_file(cmake/version.rc.in version.rc @ONLY)
-    target_sources(${target} PRIVATE
+    target_sources(${target} PRIVATE "${PROJECT_SOURCE_DIR}/platform/windows_dll.cpp"
         "${PROJECT_SOURCE_DIR}/cmake/tavhttpclient.def" "${PROJECT_BINARY_DIR}/version.rc")
     set_target_properties(${target} PROPERTIES
         PREFIX ""

@@ -14,6 +14,9 @@ extern "C" __declspec(dllimport) int __stdcall StringFromGUID2(const GUID& guid,
 // Writes to a closed connection end in an error code.
 inline void platform_ignore_broken_pipe(void) {
 }
+// Sockets and files are no descriptors of one table.
+inline void platform_fill_standard_descriptors(void) {
+}
 #else
 
 #include <arpa/inet.h>

@@ -5,8 +5,16 @@
 
 #include "platform/win_time.h"
 
-#if !defined(_WIN32)
+#if defined(_WIN32)
+// The library's code stays in the process from now on, whoever unloads it: libuv's pool and the
+// callbacks that it has installed do so too. Its clean-up at the end of the process is left out.
+void platform_keep_loaded(void);
+#else
 #include <sched.h>
+
+// libuv is a library of its own here, which ends its pool when it is unloaded.
+inline void platform_keep_loaded(void) {
+}
 
 // Tells the processor that this thread spins.
 inline void YieldProcessor(void) {

@@ -29,8 +29,8 @@ FILE* platform_fopen(const WCHAR* path, const char* mode) {
         return nullptr;
     }
     // The runtime's own streams know no "x".
-    FILE* file = _fdopen(descriptor, strchr(mode, '+') == nullptr ? (mode[0] == 'r' ? "rb" : "wb")
-                                                                  : "r+b");
+    FILE* file =
+        _fdopen(descriptor, strchr(mode, '+') == nullptr ? (mode[0] == 'r' ? "rb" : "wb") : "r+b");
     if (file == nullptr) {
         _close(descriptor);
         errno = ENOMEM;

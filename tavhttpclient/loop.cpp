@@ -426,6 +426,7 @@ static void loop_thread(void* argument) {
     own_loop = loop;
     platform_ignore_broken_pipe();
     platform_fill_standard_descriptors();
+    platform_keep_loaded();
 
     bool ready = _init_loop(loop) && loop->modules->init();
     loop->start_failed = ready ? 0 : 1;

@@ -126,6 +126,25 @@ bool wire::take_decoded() {
     return flush() && (input_.size() > before || error == SSL_ERROR_WANT_READ);
 }
 
+// As recv(), but it ends with its peer: shutdown() does not wake a blocked call on every system.
+int wire::receive(char* block, std::size_t size) {
+    fd_set readable;
+    int ready = 0;
+    while (ready == 0) {
+        {
+            std::lock_guard<std::mutex> guard(owner.mutex_);
+            if (owner.stopping_) {
+                return 0;
+            }
+        }
+        FD_ZERO(&readable);
+        FD_SET(sock_, &readable);
+        timeval at_most = {0, 20 * 1000};
+        ready = select(static_cast<int>(sock_) + 1, &readable, nullptr, nullptr, &at_most);
+    }
+    return static_cast<int>(recv(sock_, block, size, 0));
+}
+
 // Takes in what comes next: into the input, or through the engine.
 bool wire::fill() {
     char block[16384];
@@ -134,7 +153,7 @@ bool wire::fill() {
     if (decodes && (!take_decoded() || input_.size() > before)) {
         return input_.size() > before;
     }
-    int got = static_cast<int>(recv(sock_, block, sizeof block, 0));
+    int got = receive(block, sizeof block);
     if (got <= 0) {
         return false;
     }
@@ -259,7 +278,7 @@ bool wire::wait_for_release() {
 
 bool wire::wait_for_close() {
     char block[16384];
-    while (recv(sock_, block, sizeof block, 0) > 0) {
+    while (receive(block, sizeof block) > 0) {
     }
     return true;
 }

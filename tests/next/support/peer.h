@@ -91,6 +91,7 @@ class wire : not_copied {
 
   private:
     friend class peer;
+    int receive(char* block, std::size_t size);
     bool fill();
     bool take_decoded();
 
