@@ -24,9 +24,9 @@
  * Version. A host that must be changed for a release meets another first number; the shared
  * library's name carries it too.
  */
-#define TAV_HTTP_VERSION_MAJOR 1
-#define TAV_HTTP_VERSION_MINOR 0
-#define TAV_HTTP_VERSION_PATCH 0
+#define TAV_HTTP_VERSION_MAJOR 1 /* the first number */
+#define TAV_HTTP_VERSION_MINOR 0 /* the second */
+#define TAV_HTTP_VERSION_PATCH 0 /* the third */
 #define TAV_HTTP_VERSION_JOIN_(a, b, c) #a "." #b "." #c
 #define TAV_HTTP_VERSION_JOIN(a, b, c) TAV_HTTP_VERSION_JOIN_(a, b, c)
 /* The three as a text: "1.0.0". */
@@ -110,6 +110,7 @@ extern "C" {
     X(TAV_HTTP_ERROR_CODE_FAIL_PARSE_RESPONSE, 0x40009)                                            \
     /* Family: sockets, names, connect, send, receive, proxies. */                                 \
     X(TAV_HTTP_ERROR_CODE_NETWORK_FLAG, 0x80000)                                                   \
+    /* A direct connect that finds no socket ends with TAV_HTTP_ERROR_CODE_FAIL_CONNECT. */        \
     X(TAV_HTTP_ERROR_CODE_FAIL_CREATE_SOCKET, 0x80001)                                             \
     X(TAV_HTTP_ERROR_CODE_FAIL_START_DNS, 0x80002)                                                 \
     X(TAV_HTTP_ERROR_CODE_HOST_NOT_FOUND, 0x80003)                                                 \
@@ -118,6 +119,7 @@ extern "C" {
     X(TAV_HTTP_ERROR_CODE_SEND_TIMEOUT, 0x80006)                                                   \
     /* The host did not resolve, or no connection within the connect time-out. */                  \
     X(TAV_HTTP_ERROR_CODE_FAIL_CONNECT, 0x80007)                                                   \
+    /* Also when the server answers before the end of the request and closes. */                   \
     X(TAV_HTTP_ERROR_CODE_FAIL_SEND, 0x80008)                                                      \
     /* The connection broke before the response was complete. */                                   \
     X(TAV_HTTP_ERROR_CODE_FAIL_RECV, 0x80009)                                                      \
@@ -130,8 +132,10 @@ extern "C" {
     /* Family: files and directories. */                                                           \
     X(TAV_HTTP_ERROR_CODE_FILE_SYSTEM_FLAG, 0x100000)                                              \
     X(TAV_HTTP_ERROR_CODE_FAIL_CREATE_DIRECTORY, 0x100001)                                         \
+    /* No directory, no right to write, or no regular file. */                                     \
     X(TAV_HTTP_ERROR_CODE_FAIL_OPEN_RESPONSE_FILE, 0x100002)                                       \
     X(TAV_HTTP_ERROR_CODE_FAIL_WRITE_RESPONSE_FILE, 0x100003)                                      \
+    /* Missing, not readable, or no regular file. */                                               \
     X(TAV_HTTP_ERROR_CODE_FAIL_OPEN_UPLOAD_FILE, 0x100004)                                         \
     X(TAV_HTTP_ERROR_CODE_FAIL_GET_UPLOAD_FILE_STAT, 0x100005)                                     \
     X(TAV_HTTP_ERROR_CODE_FAIL_READ_UPLOAD_FILE, 0x100006)
@@ -175,7 +179,8 @@ enum {
 
 /* ------------------------------------------------------------------------------------------------
  * Options of tavHTTPSetOption: the id, then the values named here. "64-bit" values must be passed
- * as such (an int in their place is read as garbage). Set options before tavHTTPSendRequest.
+ * as such (an int in their place is read as garbage); tavhttpclient_typed.h has a function of the
+ * right type for each option. Set options before tavHTTPSendRequest.
  */
 enum {
     /* uint32: 1 does not follow redirects; the 3xx completes with code 0. */
@@ -188,7 +193,8 @@ enum {
     TAV_HTTP_OPTION_IO_TIMEOUT = 4,
     /* int32 milliseconds for the whole session once it has left the queue; 0 or less: none. */
     TAV_HTTP_OPTION_SESSION_TIMEOUT = 5,
-    /* text: path of the file to download to; null or empty: memory. Clears option 102. */
+    /* text: path of the file to download to; null or empty: memory. What stands there is replaced
+     * when the download is complete. Clears option 102. */
     TAV_HTTP_OPTION_DOWNLOAD_FILE = 101,
     /* uint32: 1 downloads to a file of the library's choosing (query 6). Clears option 101. */
     TAV_HTTP_OPTION_DOWNLOAD_TO_FILE = 102,
@@ -223,9 +229,10 @@ enum {
     TAV_HTTP_OPTION_HOST = 116,
     /* text or null: Cache-Control value. */
     TAV_HTTP_OPTION_CACHE_CONTROL = 117,
-    /* text name, text printf format, its arguments: adds a header line. */
+    /* text name, text printf format, its arguments: adds a header line. Never give a text of others
+     * as the format: "%s", text. Line breaks go out as they are. */
     TAV_HTTP_OPTION_ADD_HEADER = 190,
-    /* text name, text printf format or null, its arguments: adds a form field. */
+    /* text name, text printf format or null, its arguments: adds a form field. The same holds. */
     TAV_HTTP_OPTION_ADD_FORM_FIELD = 191,
     /* text name, text path, text announced file name or null: adds a file to the form. */
     TAV_HTTP_OPTION_ADD_FORM_FILE = 192,
@@ -238,9 +245,11 @@ enum {
     /* int32: one of the TAV_HTTP_PRIORITY_ values. */
     TAV_HTTP_OPTION_PRIORITY = 201,
     /* uint32: 1 never takes a kept-alive connection, which is found by scheme, host and port alone,
-     * whatever proxy or TLS name it was made with. */
+     * whatever proxy or TLS name it was made with. A request whose connection breaks is sent once
+     * more all the same. */
     TAV_HTTP_OPTION_NO_REUSE = 202,
-    /* pointer to proxy_info, or null for a direct connection. */
+    /* pointer to proxy_info, or null for a direct connection. A kept connection that was made
+     * another way (direct, or through another proxy) may serve the session: see option 202. */
     TAV_HTTP_OPTION_PROXY = 203,
     /* uint32: 1 queues behind the waiting sessions of its priority; default: before them. */
     TAV_HTTP_OPTION_QUEUE_FIFO = 204,
@@ -335,7 +344,8 @@ typedef void (*redirect_callback)(http_session* session, void* user_data, const 
                                   const char* current_url);
 
 /* Each run of decoded body bytes of a reported response; `offset` counts from the resource's start.
- * When set, the body is not kept in memory. Worker thread. */
+ * When set, the body is not kept in memory. After a retry the bytes come from the start again,
+ * behind another connecting_callback. Worker thread. */
 typedef void (*download_data_callback)(http_session* session, void* user_data, uint64_t offset,
                                        const void* data, uint32_t length);
 
@@ -455,8 +465,8 @@ TAV_HTTP_API int32_t tavHTTPSetConfig(int32_t key, uint32_t value);
 TAV_HTTP_API uint32_t tavHTTPSetDefaultProxy(const proxy_info* proxy);
 
 /* Sets the directory of option 102's files and creates it; null or empty goes back to the system's
- * directory for temporary files. Give an absolute path only of a directory that exists: missing
- * components are created below the current directory.
+ * directory for temporary files. An absolute path must exist, outside Windows: its components
+ * are created below the current directory, and the path is looked for where it says.
  * Returns 0; TAV_HTTP_ERROR_CODE_NOT_INITIALIZED; TAV_HTTP_ERROR_CODE_FAIL_CREATE_DIRECTORY (no
  *         directory is set then). Thread: any; takes the settings lock. */
 TAV_HTTP_API uint32_t tavHTTPSetDownloadDirectory(const char* directory);
