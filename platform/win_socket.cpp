@@ -163,8 +163,8 @@ int StringFromGUID2(const GUID& guid, WCHAR* output, int size) {
     const uint8_t* tail = guid.Data4;
     char text[needed];
     snprintf(text, sizeof(text), "{%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", guid.Data1,
-             guid.Data2, guid.Data3, tail[0], tail[1], tail[2], tail[3], tail[4], tail[5],
-             tail[6], tail[7]);
+             guid.Data2, guid.Data3, tail[0], tail[1], tail[2], tail[3], tail[4], tail[5], tail[6],
+             tail[7]);
     for (int index = 0; index < needed; ++index) {
         output[index] = (WCHAR)text[index];
     }

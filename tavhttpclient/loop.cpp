@@ -29,7 +29,8 @@ struct event_loop {
     uv_sem_t* start_sem;    // during the start handshake only
     uv_async_t stop_async;  // wakes the loop for the stop
     uv_async_t run_async;   // wakes the loop for the inbox
-    uv_prepare_t prepare;   // the last look before the poll
+    uv_prepare_t prepare;   // decides whether the poll sleeps
+    uv_idle_t idle;         // active: it does not
 
     uv_mutex_t queue_mutex;  // guards the inbox:
     list_link queue;         // loop_call entries, oldest first
@@ -38,7 +39,6 @@ struct event_loop {
     std::atomic<uint8_t> has_calls;  // in `queue`; for a look without the mutex
 
     uint64_t spin_until;   // uv_hrtime; 0: it would not pay
-    uint8_t may_sleep;     // in the poll of this turn
     uint8_t deferred;      // a call that async_run queued waits for the next poll
     uint8_t stopping;      // unread
     uint8_t ended;         // no further turn, but for the drain
@@ -248,11 +248,26 @@ static bool _goes_to_sleep(event_loop* loop) {
         return false;
     }
     loop->spin_until = 0;
+    loop->modules->before_sleep();
     lock_spinning(&loop->queue_mutex);
     bool sleeps = list_empty(&loop->queue);
     loop->sleeps = sleeps ? 1 : 0;
     uv_mutex_unlock(&loop->queue_mutex);
     return sleeps;
+}
+
+static void _on_idle(uv_idle_t* idle) {
+    (void)idle;
+}
+
+// Loop thread, right before the poll, so that it does not sleep over what a timer has queued.
+static void _on_prepare(uv_prepare_t* prepare) {
+    event_loop* loop = (event_loop*)prepare->data;
+    if (_goes_to_sleep(loop)) {
+        uv_idle_stop(&loop->idle);
+    } else {
+        uv_idle_start(&loop->idle, _on_idle);
+    }
 }
 
 static void _wake_up(event_loop* loop) {
@@ -261,29 +276,9 @@ static void _wake_up(event_loop* loop) {
     uv_mutex_unlock(&loop->queue_mutex);
 }
 
-// Loop thread, right before the poll. Timers run behind the decision about sleep: the poll must not
-// sleep over what they have queued.
-static void _on_prepare(uv_prepare_t* prepare) {
-    event_loop* loop = (event_loop*)prepare->data;
-    if (loop->may_sleep == 0) {
-        return;
-    }
-    loop->modules->before_sleep();
-    if (loop->has_calls.load(std::memory_order_relaxed) != 0) {
-        uv_async_send(&loop->run_async);
-    }
-}
-
 static int _run_turn(event_loop* loop) {
-    int result = 0;
-    if (_goes_to_sleep(loop)) {
-        loop->may_sleep = 1;
-        result = uv_run(loop->loop, UV_RUN_ONCE);
-        loop->may_sleep = 0;
-        _wake_up(loop);
-    } else {
-        result = uv_run(loop->loop, UV_RUN_NOWAIT);
-    }
+    int result = uv_run(loop->loop, UV_RUN_ONCE);
+    _wake_up(loop);
     loop->deferred = 0;
     int batches = 0;
     do {
@@ -354,10 +349,12 @@ static void uninit_flow_start(event_loop* loop) {
     }
 }
 
-static void _close_async(uv_async_t* async) {
-    if (async->data != nullptr) {  // else it was never made
-        async->data = nullptr;
-        uv_close((uv_handle_t*)async, nullptr);
+// A handle of the record, if it was made.
+static void _close_own(void* own) {
+    uv_handle_t* handle = (uv_handle_t*)own;
+    if (handle->data != nullptr) {
+        handle->data = nullptr;
+        uv_close(handle, nullptr);
     }
 }
 
@@ -365,7 +362,7 @@ static void _close_async(uv_async_t* async) {
 static void _on_async_stop_loop(uv_async_t* async) {
     event_loop* loop = (event_loop*)async->data;
     LOG_ASSERT(async == &loop->stop_async);
-    _close_async(async);
+    _close_own(async);
     uninit_flow_start(loop);
 }
 
@@ -392,11 +389,16 @@ static bool _init_loop(event_loop* loop) {
         !_init_async(loop, &loop->run_async, _on_async_run_safe)) {
         return false;
     }
-    uv_unref((uv_handle_t*)&loop->run_async);  // It is no sign of work, nor is the other.
+    // These cannot fail.
     uv_prepare_init(loop->loop, &loop->prepare);
-    uv_prepare_start(&loop->prepare, _on_prepare);
-    uv_unref((uv_handle_t*)&loop->prepare);
+    uv_idle_init(loop->loop, &loop->idle);
     loop->prepare.data = loop;
+    loop->idle.data = loop;
+    uv_prepare_start(&loop->prepare, _on_prepare);
+    // None is a sign of work.
+    uv_unref((uv_handle_t*)&loop->run_async);
+    uv_unref((uv_handle_t*)&loop->prepare);
+    uv_unref((uv_handle_t*)&loop->idle);
     return true;
 }
 
@@ -406,12 +408,11 @@ static void _count_open_handle(uv_handle_t* handle, void* argument) {
 }
 
 static void _drain_loop(event_loop* loop) {
-    _close_async(&loop->stop_async);
+    _close_own(&loop->stop_async);
     loop->modules->drain();
-    _close_async(&loop->run_async);
-    if (loop->prepare.data != nullptr) {
-        uv_close((uv_handle_t*)&loop->prepare, nullptr);
-    }
+    _close_own(&loop->run_async);
+    _close_own(&loop->prepare);
+    _close_own(&loop->idle);
     uv_run(loop->loop, UV_RUN_NOWAIT);
     int32_t open_handles = 0;
     uv_walk(loop->loop, _count_open_handle, &open_handles);
