@@ -483,11 +483,23 @@ static void _https_connect(void* conn) {
     _start_engine_call((http_connection*)conn, &connect_call);
 }
 
-// Between two requests. The engine takes in what came with the last response: records without data
-// leave nothing to be read, and an orderly end is found by the next receive.
+// Gives the engine what waits on the socket. False: it cannot take it, or more waits than the few
+// records that a peer sends between two requests.
+static bool _take_waiting(http_connection* conn) {
+    const text_buffer* buffer = &conn->tls->in_buf;
+    int32_t count = http_connection_take_waiting(conn, buffer->data, buffer->capacity);
+    return count == 0 || (count > 0 && count < buffer->capacity &&
+                          _give_to_engine(conn->tls->rbio, buffer->data, count));
+}
+
+// Between two requests. Records without data leave nothing to be read, and an orderly end is found
+// by the next receive.
 static bool _has_unread(http_connection* conn) {
     char byte = 0;
     SSL* ssl = conn->tls->ssl;
+    if (!_take_waiting(conn)) {
+        return true;
+    }
     ERR_clear_error();
     int result = SSL_peek(ssl, &byte, 1);
     int error = SSL_get_error(ssl, result);

@@ -140,15 +140,25 @@ void http_connection_abort(http_connection* conn) {
     expire_uv_timer(conn->recv_timer);
 }
 
-bool http_connection_has_unread(http_connection* conn) {
+// The connection's socket; false: there is none, or nothing waits on it.
+static bool _find_waiting(const http_connection* conn, SOCKET* output) {
     uv_os_fd_t descriptor;
     u_long waiting = 0;
-    if (conn->has_unread != nullptr) {
-        return conn->has_unread(conn);
+    if (conn->stream == nullptr || uv_fileno((const uv_handle_t*)conn->stream, &descriptor) != 0) {
+        return false;
     }
-    return conn->stream != nullptr &&
-           uv_fileno((const uv_handle_t*)conn->stream, &descriptor) == 0 &&
-           ioctlsocket((SOCKET)(intptr_t)descriptor, FIONREAD, &waiting) == 0 && waiting != 0;
+    *output = (SOCKET)(intptr_t)descriptor;
+    return ioctlsocket(*output, FIONREAD, &waiting) == 0 && waiting != 0;
+}
+
+bool http_connection_has_unread(http_connection* conn) {
+    SOCKET descriptor;
+    return conn->has_unread != nullptr ? conn->has_unread(conn) : _find_waiting(conn, &descriptor);
+}
+
+int32_t http_connection_take_waiting(const http_connection* conn, char* buffer, int32_t size) {
+    SOCKET descriptor;
+    return _find_waiting(conn, &descriptor) ? (int32_t)recv(descriptor, buffer, size, 0) : 0;
 }
 
 // ---------------------------------------------------------------------------------------- TLS

@@ -110,8 +110,11 @@ void http_connection_set_step(http_connection* conn, void (*abort_step)(void* st
 void http_connection_abort(http_connection* conn);
 
 // True when the peer of an idle connection has sent something that nobody asked for. An orderly end
-// is nothing; nor are tickets and new keys, so of TLS only what the engine has got already counts.
+// is nothing; nor are the tickets and new keys of TLS.
 bool http_connection_has_unread(http_connection* conn);
+// Takes what waits on the socket of an idle connection, at most `size` bytes; 0: nothing does;
+// negative: it cannot be read.
+int32_t http_connection_take_waiting(const http_connection* conn, char* buffer, int32_t size);
 
 // ---------------------------------------------------------------------------------------- TLS
 

@@ -212,6 +212,29 @@ TEST(RegressNet, ASecondTlsResponseIsNobodysAnswer) {
     EXPECT_EQ(2, server.connection_count());
 }
 
+TEST(RegressNet, AKeptTlsConnectionOnWhichAResponseWaitsIsClosed) {
+    library lib;
+    std::atomic<bool> is_late{false};
+    tls_server server([&](tls_peer& peer) {
+        std::string request;
+        bool ok = peer.accept() && peer.read_request(&request) &&
+                  peer.write(response(200, "mine", "Connection: keep-alive\r\n"));
+        if (ok && peer.index() == 0) {
+            is_late =
+                peer.wait_for_release() && peer.new_ticket() && peer.write(response(408, "late"));
+            peer.read_request(&request);
+        }
+    });
+    for (int i = 0; i < 2; ++i) {
+        transfer one(server.url());
+        expect_code(0, one.run());
+        EXPECT_EQ("mine", one.body());
+        server.release();
+        EXPECT_TRUE(wait_until([&] { return is_late.load(); }));
+    }
+    EXPECT_EQ(2, server.connection_count());
+}
+
 // A peer that sends a record a byte at a time is in time with every one of them.
 TEST(RegressNet, ADrippingTlsPeerKeepsNoSession) {
     library lib;
