@@ -29,26 +29,16 @@ static list_link live_lookups = {&live_lookups, &live_lookups};
 
 // Under the mutex: lookups of loops that have ended may come back while another loop runs.
 static list_link abandoned_lookups = {&abandoned_lookups, &abandoned_lookups};
-static uv_once_t abandoned_once = UV_ONCE_INIT;
+// Made by the first lookup, so that the end of the loop cannot fail; never destroyed.
 static uv_mutex_t abandoned_mutex;
+static bool has_abandoned_mutex = false;
 
 // The loop that ran the latest lookup, to tell its abandoned lookups from those of earlier loops.
 static uv_loop_t* lookup_loop = nullptr;
 
-static void _init_abandoned_mutex(void) {
-    while (uv_mutex_init(&abandoned_mutex) != 0) {
-        uv_sleep(1);  // The end of the loop cannot fail.
-    }
-}
-
-static void _lock_abandoned(void) {
-    uv_once(&abandoned_once, _init_abandoned_mutex);
-    uv_mutex_lock(&abandoned_mutex);
-}
-
 static void _free_lookup(name_lookup* lookup) {
     if (lookup->abandoned) {
-        _lock_abandoned();
+        uv_mutex_lock(&abandoned_mutex);
         list_unlink(&lookup->link);
         uv_mutex_unlock(&abandoned_mutex);
     } else {
@@ -78,7 +68,9 @@ static void _on_dns_result(uv_getaddrinfo_t* request, int status, struct addrinf
 int start_name_lookup(uv_loop_t* loop, const char* host, void* user_data, name_lookup_cb callback,
                       name_lookup** lookup) {
     struct addrinfo hints;
-    name_lookup* started = (name_lookup*)calloc(1, sizeof(name_lookup));
+    has_abandoned_mutex = has_abandoned_mutex || uv_mutex_init(&abandoned_mutex) == 0;
+    name_lookup* started =
+        has_abandoned_mutex ? (name_lookup*)calloc(1, sizeof(name_lookup)) : nullptr;
     if (started == nullptr) {
         return UV_ENOMEM;
     }
@@ -118,7 +110,7 @@ static void _abandon_lookup(name_lookup* lookup) {
     list_unlink(&lookup->link);
     lookup->callback = nullptr;
     lookup->abandoned = true;
-    _lock_abandoned();
+    uv_mutex_lock(&abandoned_mutex);
     list_append(&abandoned_lookups, &lookup->link);
     uv_mutex_unlock(&abandoned_mutex);
     if (callback != nullptr) {
@@ -129,12 +121,15 @@ static void _abandon_lookup(name_lookup* lookup) {
 int32_t abandon_name_lookups(void) {
     list_link* link = live_lookups.next;
     int32_t count = 0;
+    if (!has_abandoned_mutex) {
+        return 0;  // There was never a lookup.
+    }
     while (link != &live_lookups) {
         name_lookup* lookup = (name_lookup*)link;
         link = link->next;
         _abandon_lookup(lookup);
     }
-    _lock_abandoned();
+    uv_mutex_lock(&abandoned_mutex);
     for (link = abandoned_lookups.next; link != &abandoned_lookups; link = link->next) {
         count += ((const name_lookup*)link)->request.loop == lookup_loop ? 1 : 0;
     }
