@@ -2,7 +2,7 @@
 SOURCES = git ls-files -co --exclude-standard '*.h' '*.hpp' '*.c' '*.cpp'
 UNITS = git ls-files -co --exclude-standard 'tavhttpclient/*.cpp' 'platform/*.cpp' ':!platform/windows_*'
 
-.PHONY: demo test lint format docs clean fault fuzz soak bench windows windows-demo
+.PHONY: demo test lint format docs clean fault fuzz soak bench windows windows-demo windows-test windows-package
 
 demo:
 	scripts/install-deps demo
@@ -55,6 +55,16 @@ windows:
 	scripts/windows-deps i686
 	cmake --preset windows
 	cmake --build --preset windows
+
+# What runs of the tests under Wine.
+windows-test: windows
+	scripts/windows-wine setup i686
+	ctest --preset windows; status=$$?; scripts/windows-wine stop i686; exit $$status
+
+# The zip, and a host compiled against it.
+windows-package: windows
+	scripts/windows-wine setup i686
+	scripts/windows-package i686; status=$$?; scripts/windows-wine stop i686; exit $$status
 
 windows-demo: windows
 	scripts/windows-wine setup i686
