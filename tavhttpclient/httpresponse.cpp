@@ -13,7 +13,6 @@
 #include <string.h>
 
 #include "tavhttpclient/fs.h"
-#include "tavhttpclient/transport.h"
 #include "tavhttpclient/httpoption.h"
 #include "tavhttpclient/httpresponse_body.h"
 #include "tavhttpclient/log.h"
@@ -21,6 +20,7 @@
 #include "tavhttpclient/message_parser.h"
 #include "tavhttpclient/request_record.h"
 #include "tavhttpclient/session_record.h"
+#include "tavhttpclient/transport.h"
 
 enum {
     RECV_BUFFER_SIZE = 32768,
