@@ -2,11 +2,11 @@
 
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 
 #include <atomic>
 
 #include "tavhttpclient/hostcall.h"
-#include "tavhttpclient/util.h"
 
 enum {
     SHORT_LINE_SIZE = 512
@@ -17,15 +17,6 @@ static std::atomic<log_callback> installed_callback(nullptr);
 
 void set_log_callback(log_callback callback) {
     installed_callback.store(callback, std::memory_order_relaxed);
-}
-
-static void _write_long_line(log_callback callback, int32_t level, const char* tag,
-                             const char* format, va_list arguments) {
-    text_buffer text;
-    text_buffer_init(&text, 2 * SHORT_LINE_SIZE);
-    bool formatted = text_buffer_append_vformat(&text, format, arguments);
-    callback(level, tag, formatted ? text.data : "");
-    text_buffer_release(&text);
 }
 
 // Most lines are short and never touch the heap; without a receiver nothing is formatted at all.
@@ -39,18 +30,22 @@ void write_log(int32_t level, const char* tag, uint32_t line, const char* format
     tag = tag != nullptr ? tag : "";
     format = format != nullptr ? format : "";
 
-    char text[SHORT_LINE_SIZE];
+    char short_text[SHORT_LINE_SIZE];
+    char* long_text = nullptr;
     va_list arguments;
     va_start(arguments, format);
-    int length = vsnprintf(text, sizeof(text), format, arguments);
+    int length = vsnprintf(short_text, sizeof(short_text), format, arguments);
     va_end(arguments);
-    if (length < SHORT_LINE_SIZE) {
-        callback(level, tag, length >= 0 ? text : "");
-        return;
+    if (length >= SHORT_LINE_SIZE) {
+        size_t size = (size_t)length + 1;
+        long_text = (char*)malloc(size);
+        va_start(arguments, format);
+        length = long_text != nullptr ? vsnprintf(long_text, size, format, arguments) : -1;
+        va_end(arguments);
     }
-    va_start(arguments, format);
-    _write_long_line(callback, level, tag, format, arguments);
-    va_end(arguments);
+    const char* text = long_text != nullptr ? long_text : short_text;
+    callback(level, tag, length >= 0 ? text : "");
+    free(long_text);
 }
 
 void log_assert_fail(const char* file, const char* function, uint32_t line) {
