@@ -99,7 +99,7 @@ static int _move_above_standard(int descriptor) {
     return moved;
 }
 
-// The name is looked at first, because opening a device or a fifo can itself have an effect; the
+// The name is checked first, because opening a device or a fifo can itself have an effect; the
 // descriptor, because the name may mean something else by then.
 static int _open_regular(const char* path, const char* mode) {
     struct stat status;

@@ -15,12 +15,12 @@
 
 #define WSAEFAULT 10014
 
-static thread_local int _last_error;
+static thread_local int last_error;
 
 // Changed by tests only, while nothing else uses sockets.
-static const WSAPROTOCOL_INFOW* _catalog;
-static int _catalog_count;
-static int _enum_error;
+static const WSAPROTOCOL_INFOW* catalog;
+static int catalog_count;
+static int enum_error;
 
 // Function-local data would need a guard; a fill at each use is cheap enough.
 static void _fill_base_entry(WSAPROTOCOL_INFOW* entry) {
@@ -56,8 +56,8 @@ static bool _is_wanted(const int* protocols, int protocol) {
 // Number of wanted entries, all of which fit in the buffer; or SOCKET_ERROR.
 static int _begin_enumeration(const WSAPROTOCOL_INFOW* entries, int count, const int* protocols,
                               const void* buffer, DWORD entry_size, DWORD* size) {
-    if (_enum_error != 0 || size == nullptr) {
-        _last_error = size == nullptr ? WSAEFAULT : _enum_error;
+    if (enum_error != 0 || size == nullptr) {
+        last_error = size == nullptr ? WSAEFAULT : enum_error;
         return SOCKET_ERROR;
     }
     int wanted = 0;
@@ -67,7 +67,7 @@ static int _begin_enumeration(const WSAPROTOCOL_INFOW* entries, int count, const
     DWORD needed = (DWORD)wanted * entry_size;
     if (*size < needed || (buffer == nullptr && needed != 0)) {
         *size = needed;
-        _last_error = WSAENOBUFS;
+        last_error = WSAENOBUFS;
         return SOCKET_ERROR;
     }
     return wanted;
@@ -76,8 +76,8 @@ static int _begin_enumeration(const WSAPROTOCOL_INFOW* entries, int count, const
 int WSAEnumProtocolsW(int* protocols, WSAPROTOCOL_INFOW* buffer, DWORD* size) {
     WSAPROTOCOL_INFOW base;
     _fill_base_entry(&base);
-    const WSAPROTOCOL_INFOW* entries = _catalog != nullptr ? _catalog : &base;
-    int count = _catalog != nullptr ? _catalog_count : 1;
+    const WSAPROTOCOL_INFOW* entries = catalog != nullptr ? catalog : &base;
+    int count = catalog != nullptr ? catalog_count : 1;
     int wanted =
         _begin_enumeration(entries, count, protocols, buffer, (DWORD)sizeof(*buffer), size);
     for (int index = 0; wanted > 0 && index < count; ++index) {
@@ -104,8 +104,8 @@ static void _narrow_entry(const WSAPROTOCOL_INFOW* wide, WSAPROTOCOL_INFOA* narr
 int WSAEnumProtocolsA(int* protocols, WSAPROTOCOL_INFOA* buffer, DWORD* size) {
     WSAPROTOCOL_INFOW base;
     _fill_base_entry(&base);
-    const WSAPROTOCOL_INFOW* entries = _catalog != nullptr ? _catalog : &base;
-    int count = _catalog != nullptr ? _catalog_count : 1;
+    const WSAPROTOCOL_INFOW* entries = catalog != nullptr ? catalog : &base;
+    int count = catalog != nullptr ? catalog_count : 1;
     int wanted =
         _begin_enumeration(entries, count, protocols, buffer, (DWORD)sizeof(*buffer), size);
     for (int index = 0; wanted > 0 && index < count; ++index) {
@@ -119,7 +119,7 @@ int WSAEnumProtocolsA(int* protocols, WSAPROTOCOL_INFOA* buffer, DWORD* size) {
 SOCKET platform_socket(int family, int type, int protocol) {
     SOCKET sock = socket(family, type | SOCK_CLOEXEC, protocol);
     if (sock == INVALID_SOCKET) {
-        _last_error = errno;
+        last_error = errno;
     }
     return sock;
 }
@@ -135,7 +135,7 @@ SOCKET WSASocketW(int family, int type, int protocol, WSAPROTOCOL_INFOW* info, u
 
 int closesocket(SOCKET sock) {
     if (close(sock) != 0) {
-        _last_error = errno;
+        last_error = errno;
         return SOCKET_ERROR;
     }
     return 0;
@@ -144,7 +144,7 @@ int closesocket(SOCKET sock) {
 int ioctlsocket(SOCKET sock, long command, u_long* argument) {
     int value = (int)*argument;
     if (ioctl(sock, (unsigned long)command, &value) != 0) {
-        _last_error = errno;
+        last_error = errno;
         return SOCKET_ERROR;
     }
     *argument = (u_long)value;
@@ -152,7 +152,7 @@ int ioctlsocket(SOCKET sock, long command, u_long* argument) {
 }
 
 int WSAGetLastError(void) {
-    return _last_error;
+    return last_error;
 }
 
 int StringFromGUID2(const GUID& guid, WCHAR* output, int size) {
@@ -190,10 +190,10 @@ void platform_fill_standard_descriptors(void) {
 }
 
 void platform_set_protocol_catalog(const WSAPROTOCOL_INFOW* entries, int count) {
-    _catalog = entries;
-    _catalog_count = count;
+    catalog = entries;
+    catalog_count = count;
 }
 
 void platform_fail_enum_protocols(int error) {
-    _enum_error = error;
+    enum_error = error;
 }
