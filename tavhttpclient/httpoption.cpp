@@ -112,7 +112,7 @@ static upload_item* _new_form_entry(const char* name) {
     return item;
 }
 
-// Appends a complete entry; an incomplete one is dropped, so that no form goes out without a part.
+// Appends a complete entry; an incomplete one is freed, so that no form goes out without a part.
 static uint32_t _finish_form_entry(http_options* options, upload_item* item, bool complete) {
     if (!complete) {
         free_upload_item(item);
@@ -259,7 +259,7 @@ struct option_setter {
     uint32_t (*set)(http_options* options, va_list* arguments);
 };
 
-static const option_setter SETTERS[] = {
+static const option_setter option_setters[] = {
     {TAV_HTTP_OPTION_DOWNLOAD_FILE, _set_download_file},
     {TAV_HTTP_OPTION_DOWNLOAD_TO_FILE, _set_download_to_file},
     {TAV_HTTP_OPTION_COOKIE, _set_cookie_text},
@@ -294,7 +294,7 @@ struct option_row {
 #define IN_OPTIONS(field) offsetof(http_options, field)
 #define IN_SESSION(field) offsetof(http_session, field)
 
-static const option_row ROWS[] = {
+static const option_row option_rows[] = {
     {TAV_HTTP_OPTION_NO_REDIRECT, OPTION_SWITCH, IN_OPTIONS(no_redirect), 0},
     {TAV_HTTP_OPTION_2, OPTION_NUMBER, IN_OPTIONS(option_2), 0},
     {TAV_HTTP_OPTION_CONNECT_TIMEOUT, OPTION_NUMBER, IN_OPTIONS(connect_timeout), 0},
@@ -366,13 +366,13 @@ static uint32_t _store_value(http_session* session, const option_row* row, va_li
 }
 
 static uint32_t _set_option(http_session* session, uint32_t option, va_list* arguments) {
-    for (const option_setter& setter : SETTERS) {
+    for (const option_setter& setter : option_setters) {
         if (setter.id == option) {
             return setter.set(session->options, arguments);
         }
     }
     uint32_t result = TAV_HTTP_ERROR_CODE_INVALID_ARG;
-    for (const option_row& row : ROWS) {
+    for (const option_row& row : option_rows) {
         if (row.id == option) {
             result = _store_value(session, &row, arguments);
         }

@@ -56,7 +56,7 @@ struct http_options {
     char* tls_host_name;
     text_buffer body;
     char* upload_file;
-    list_link form_list;  // upload_item, see httprequest.h (`form_value`, `form_path`, `form_data`)
+    list_link form_list;  // upload_item: name, file names and the form_ fields
     uint32_t body_md5;
     uint32_t keep_undecoded_body;
 };

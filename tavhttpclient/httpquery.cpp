@@ -175,7 +175,7 @@ struct query_row {
 #define IN_REQUEST(field) FIELD(request, http_request, field)
 #define IN_RESPONSE(field) FIELD(response, http_response, field)
 
-static const query_row ROWS[] = {
+static const query_row query_rows[] = {
     {TAV_HTTP_QUERY_STATUS_CODE, IN_RESPONSE(status_code)},
     {TAV_HTTP_QUERY_STATUS_TEXT, IN_RESPONSE(status_text)},
     {TAV_HTTP_QUERY_OPTION_RANGE_START, IN_OPTIONS(range_start)},
@@ -232,7 +232,7 @@ uint32_t tavHTTPQueryInfo(http_session* session, uint32_t query, void* out1, voi
     if (query == TAV_HTTP_QUERY_PEER_ADDRESS) {
         return _query_peer_address(session, out1);
     }
-    for (const query_row& row : ROWS) {
+    for (const query_row& row : query_rows) {
         if (row.id == query) {
             return _query_field(session, &row, out1);
         }

@@ -19,8 +19,8 @@ enum {
     UPLOAD_ITEM_FORM_DATA = 0x10005
 };
 
-// In http_options.form_list it is what the host gave (name and the form_
-// fields); in http_request.upload_item_list it is what is being sent (all the others).
+// In http_options.form_list it is what the host gave (the names and the form_ fields); in
+// http_request.upload_item_list it is what is being sent (all the others).
 struct upload_item {
     list_link link;
     uint32_t kind;
