@@ -206,7 +206,7 @@ static void _cleanup_timeout_connection(void) {
 
 http_connection* get_connection_from_pool(int32_t is_https, const char* host, uint16_t port) {
     LOG_ASSERT(is_loop_thread());
-    if (idle_pool == nullptr || host == nullptr || host[0] == '\0' || port == 0) {
+    if (idle_pool == nullptr || is_empty_text(host) || port == 0) {
         return nullptr;
     }
     _cleanup_timeout_connection();

@@ -2,7 +2,7 @@
 //
 //   http_connect_start -> (pooled: _on_async_notify_connection_result)
 //     -> _on_async_start_connect
-//     -> _direct_connect_result | _http_proxy_connect_result | _sock5_proxy_connect_result
+//     -> _direct_connect_result | _on_proxy_result
 //     -> _on_tcp_connected -> (_on_https_connect_result) -> _notify_connection_result
 //     -> connect_callback
 #include "tavhttpclient/httpconnect.h"
@@ -235,12 +235,12 @@ static void _on_async_start_connect(void* argument) {
 
 static bool _analyze_target(const char* url, connect_target* target) {
     memset(target, 0, sizeof(*target));
-    if (url == nullptr || url[0] == '\0' ||
+    if (is_empty_text(url) ||
         !analyze_url(url, &target->scheme, &target->host, &target->port, nullptr, nullptr)) {
         return false;
     }
     target->is_https = target->scheme != nullptr && _stricmp(target->scheme, "https") == 0 ? 1 : 0;
-    return target->host != nullptr && target->host[0] != '\0';
+    return !is_empty_text(target->host);
 }
 
 static void _free_target(connect_target* target) {
@@ -279,7 +279,7 @@ static http_connection* _new_connection(connect_target* target, const proxy_info
     if (conn == nullptr) {
         return nullptr;
     }
-    if (expected_cname != nullptr && expected_cname[0] != '\0') {
+    if (!is_empty_text(expected_cname)) {
         conn->expected_cname = string_dup(expected_cname);
     } else {
         expected_cname = nullptr;

@@ -15,7 +15,7 @@
 // proxy            copied; null or type 0: direct.
 // connect_timeout  ms for resolution and connect together; 0 or less: 15000.
 // no_pool          true: always a new connection.
-// expected_cname   null or empty: the certificate is not looked at.
+// expected_cname   null or empty: its name is not checked.
 // session_timeout  accepted, not used.
 // Returns 0: _on_http_connect_result is called once, on a later turn; any other code: it is not.
 uint32_t http_connect_start(const char* url, const proxy_info* proxy, http_session* owner,

@@ -47,8 +47,8 @@ struct basic_auth_ctx {
 };
 
 bool is_valid_http_proxy(const proxy_info* proxy) {
-    return proxy != nullptr && proxy->type == TAV_HTTP_PROXY_HTTP && proxy->host != nullptr &&
-           proxy->host[0] != '\0' && proxy->port != 0;
+    return proxy != nullptr && proxy->type == TAV_HTTP_PROXY_HTTP && !is_empty_text(proxy->host) &&
+           proxy->port != 0;
 }
 
 // ---------------------------------------------------------------------------------- the result
@@ -211,7 +211,7 @@ static void _start_recv(basic_auth_ctx* auth) {
 // --------------------------------------------------------------------------------- the request
 
 static bool _append_authorisation(const proxy_info* proxy, text_buffer* output) {
-    if (proxy->user_name == nullptr || proxy->user_name[0] == '\0') {
+    if (is_empty_text(proxy->user_name)) {
         return true;
     }
     text_buffer credentials = {};
@@ -358,7 +358,7 @@ static http_proxy_ctx* _new_http_proxy_ctx(const char* host, uint16_t port, prox
 
 uint32_t http_proxy_connect(const char* host, uint16_t port, proxy_info* proxy,
                             http_connection* user, int32_t timeout, proxy_connect_cb callback) {
-    if (!LOG_ASSERT(host != nullptr && host[0] != '\0' && callback != nullptr)) {
+    if (!LOG_ASSERT(!is_empty_text(host) && callback != nullptr)) {
         return TAV_HTTP_ERROR_CODE_FAIL_OTHER;
     }
     if (!LOG_ASSERT(is_valid_http_proxy(proxy))) {

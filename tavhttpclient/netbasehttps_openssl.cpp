@@ -324,7 +324,7 @@ static bool _run_held(http_connection* conn, loop_function step) {
     if (async_run(step, conn)) {
         return true;
     }
-    http_connection_release(conn);
+    http_connection_unhold(conn);
     return false;
 }
 
@@ -337,7 +337,7 @@ static bool _queue_held(http_connection* conn, worker_function work,
     if (queue_worker_step(request, work, after_work) == 0) {
         return true;
     }
-    http_connection_release(conn);
+    http_connection_unhold(conn);
     return false;
 }
 
@@ -413,7 +413,7 @@ static void _print_subject(X509* certificate, char* text) {
 }
 
 static bool _verify_cname(http_connection* conn) {
-    if (conn->expected_cname == nullptr || conn->expected_cname[0] == '\0') {
+    if (is_empty_text(conn->expected_cname)) {
         return true;
     }
     X509* certificate = SSL_get_peer_certificate(conn->tls->ssl);
@@ -517,8 +517,7 @@ static uint32_t _start_https_connect(http_connection* conn, http_connect_cb call
     if (conn->tls == nullptr) {
         return TAV_HTTP_ERROR_CODE_FAIL_CONNECT;
     }
-    const char* expected = conn->expected_cname;
-    const char* name = expected != nullptr && expected[0] != '\0' ? expected : conn->host;
+    const char* name = is_empty_text(conn->expected_cname) ? conn->host : conn->expected_cname;
     SSL_ctrl(conn->tls->ssl, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name, (void*)name);
 
     conn->tls->connect_cb = callback;

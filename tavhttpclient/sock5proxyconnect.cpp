@@ -3,7 +3,8 @@
 //
 // sock5_proxy_connect -> _on_start_connect -> _on_connect_result
 //   -> _step1_auth_method_negotiation -> _step1_send_result -> _step1_recv_result
-//   -> (_step2_verify_userpwd -> ..._send_result -> ..._recv_result)
+//   -> (_step2_verify_userpwd -> _step2_verify_userpwd_send_result
+//         -> _step2_verify_userpwd_recv_result)
 //   -> _step3_request_cmd -> _step3_send_result -> _step3_recv_result
 //   -> _notify_connect_result -> callback
 #include "tavhttpclient/sock5proxyconnect.h"
@@ -51,8 +52,8 @@ struct sock5_ctx {
 };
 
 bool is_valid_sock5_proxy(const proxy_info* proxy) {
-    return proxy != nullptr && proxy->type == TAV_HTTP_PROXY_SOCKS5 && proxy->host != nullptr &&
-           proxy->host[0] != '\0' && proxy->port != 0;
+    return proxy != nullptr && proxy->type == TAV_HTTP_PROXY_SOCKS5 &&
+           !is_empty_text(proxy->host) && proxy->port != 0;
 }
 
 // ---------------------------------------------------------------------------------- the result
@@ -349,8 +350,7 @@ static void _step1_send_result(uv_write_t* request, int status) {
 }
 
 static void _step1_auth_method_negotiation(sock5_ctx* ctx) {
-    const char* user_name = ctx->proxy->user_name;
-    bool has_user = user_name != nullptr && user_name[0] != '\0';
+    bool has_user = !is_empty_text(ctx->proxy->user_name);
     // One method only: a proxy that wants another refuses at once instead of after a guess.
     ctx->method = has_user ? SOCKS_METHOD_USER_PASSWORD : SOCKS_METHOD_NONE;
     if (!_append_byte(&ctx->send_buffer, SOCKS_VERSION) || !_append_byte(&ctx->send_buffer, 1) ||
@@ -417,7 +417,7 @@ static sock5_ctx* _new_sock5_ctx(const char* host) {
     }
     ctx->host = string_dup(host);
     ctx->io = uv_io_ctx_new();
-    if (ctx->host == nullptr || ctx->io == nullptr || ctx->io->write_req == nullptr) {
+    if (ctx->host == nullptr || ctx->io == nullptr) {
         _free_sock5_ctx(ctx);
         return nullptr;
     }
@@ -426,8 +426,7 @@ static sock5_ctx* _new_sock5_ctx(const char* host) {
 
 uint32_t sock5_proxy_connect(const char* host, uint16_t port, proxy_info* proxy,
                              http_connection* user, int32_t timeout, proxy_connect_cb callback) {
-    if (!LOG_ASSERT(host != nullptr && host[0] != '\0' && port != 0 && proxy != nullptr &&
-                    callback != nullptr)) {
+    if (!LOG_ASSERT(!is_empty_text(host) && port != 0 && proxy != nullptr && callback != nullptr)) {
         LOG_ERROR("sock5_proxy_connect, invalid args.");
         return TAV_HTTP_ERROR_CODE_FAIL_OTHER;
     }

@@ -440,7 +440,7 @@ static void _start_dns(void* argument) {
 
 uint32_t uv_connect_timeout(const char* host, uint16_t port, int32_t timeout, void* user_data,
                             uv_connect_timeout_cb callback, uv_connect_cancel_probe probe) {
-    if (!LOG_ASSERT(host != nullptr && host[0] != '\0' && port != 0 && callback != nullptr)) {
+    if (!LOG_ASSERT(!is_empty_text(host) && port != 0 && callback != nullptr)) {
         return TAV_HTTP_ERROR_CODE_INVALID_ARG;
     }
     uv_connect_ctx* ctx = (uv_connect_ctx*)calloc(1, sizeof(uv_connect_ctx));
