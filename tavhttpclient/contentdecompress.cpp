@@ -17,7 +17,7 @@ enum {
 
 enum {
     WINDOW_BITS_ZLIB = 15,
-    WINDOW_BITS_GZIP_OR_ZLIB = 47,  // 32 more: zlib looks at the header
+    WINDOW_BITS_GZIP_OR_ZLIB = 47,  // 32 more: zlib tells them apart
     WINDOW_BITS_RAW_DEFLATE = -15
 };
 
@@ -93,7 +93,7 @@ bool inflate_stream(content_decoder* decoder, text_buffer* output) {
     if (code == Z_OK) {
         return true;
     }
-    // What is left of the piece behind the end of the stream is dropped.
+    // What is left of the piece behind the end of the stream is discarded.
     decoder->initialised = 0;
     bool ended = inflateEnd(&decoder->stream) == Z_OK;
     return code == Z_STREAM_END && ended;

@@ -294,8 +294,8 @@ bool tavhttp_mkdir(const char* path) {
     text_buffer_init(&made, 64);
     _make_components(path, &made);
     text_buffer_release(&made);
-    // The text as it was given: an absolute path is made below the current directory but looked
-    // for where it says.
+    // The text as it was given: an absolute path is made below the current directory but sought
+    // where it says.
     struct _stat64i32 record;
     return _stat64i32(path, &record) == 0 && (record.st_mode & _S_IFDIR) != 0;
 }
@@ -327,7 +327,7 @@ static const char* _find_extension(const char* name) {
     return strrchr(start, '.');
 }
 
-// Time and counter make a clash unlikely; the caller looks whether the name is free all the same.
+// Time and counter make a clash unlikely; the caller checks that the name is free all the same.
 static bool _append_unique_name(text_buffer* buffer, const char* name) {
     LARGE_INTEGER counter;
     counter.QuadPart = 0;

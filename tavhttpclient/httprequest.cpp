@@ -16,7 +16,6 @@
 #include <string.h>
 
 #include "platform/win_file.h"
-#include "tavhttpclient/fs.h"
 #include "tavhttpclient/hostcall.h"
 #include "tavhttpclient/httprequest_items.h"
 #include "tavhttpclient/log.h"

@@ -133,7 +133,8 @@ void free_spare_recv_buffers(void) {
 static bool _check_cancel_and_notify(http_session* session) {
     if (session == nullptr) {
         LOG_ERROR("_check_cancel_and_notify, session is NULL.");
-        return !LOG_ASSERT(session != nullptr);
+        LOG_ASSERT(session != nullptr);
+        return true;
     }
     if (!session_is_cancelled(session)) {
         return false;
@@ -163,7 +164,7 @@ uint32_t http_recv_response(http_session* session) {
 }
 
 // The peer has closed: what is known so far decides whether the response is complete.
-static void _drop_closed_connection(http_session* session) {
+static void _close_ended_connection(http_session* session) {
     LOG_INFO("_on_recv_response, read==0, connection closed, id=%u", session->id);
     http_connect_close(session->connection);
     session->connection = nullptr;
@@ -204,7 +205,7 @@ static void _on_recv_response_result(http_connection* conn, void* user, uint32_t
     }
     text_buffer_set_length(buffer, nread);
     if (nread == 0) {
-        _drop_closed_connection(session);
+        _close_ended_connection(session);
     }
     if (!_start_parse_response_work(session)) {
         LOG_INFO("_on_recv_response, _start_parse_response_work failed, id=%u", id);
@@ -300,7 +301,7 @@ static void _after_work_parse_response(worker_step* req, int status) {
         return;
     }
     if (_is_body_skipped(session)) {
-        // Dropped as it comes, or a long one would pile up.
+        // Discarded as it comes, or a long one would pile up.
         text_buffer_set_length(&session->response->body_chunk, 0);
         _on_write_body_finish(session);
         return;
@@ -431,8 +432,8 @@ static bool _is_partial_file_kept(const http_session* session) {
     if (!partial || !_is_in_place(response)) {
         return false;
     }
-    return session_is_cancelled(session) || response->status_code == 200 ||
-           response->status_code == 206;
+    return session_is_cancelled(session) || response->status_code == HTTP_STATUS_OK ||
+           response->status_code == HTTP_STATUS_PARTIAL_CONTENT;
 }
 
 // Loop thread. From _start_delete_temp_file; next _finish_recv_response.

@@ -54,7 +54,7 @@ void free_body_md5(http_response* response) {
 // ------------------------------------------------------------------------------ the target file
 
 // Status 200 or 206, or the host asked for bodies of every status.
-static bool _is_body_wanted(const http_session* session) {
+static bool is_body_wanted(const http_session* session) {
     uint32_t status = session->response->status_code;
     return status == HTTP_STATUS_OK || status == HTTP_STATUS_PARTIAL_CONTENT ||
            session->options->keep_error_body != 0;
@@ -197,7 +197,7 @@ static uint32_t _init_download_target(http_session* session) {
     uint32_t err = TAV_HTTP_ERROR_CODE_OK;
     if (to_given_path) {
         LOG_ASSERT(response->status_code != HTTP_STATUS_RANGE_NOT_SATISFIABLE);
-        if (!_is_body_wanted(session)) {
+        if (!is_body_wanted(session)) {
             return TAV_HTTP_ERROR_CODE_OK;  // to memory
         }
         err = _use_given_path(session);
@@ -269,7 +269,7 @@ static bool _hand_over_new_bytes(http_session* session) {
         (!_start_md5(response) || EVP_DigestUpdate(response->md5_context, bytes, count) != 1)) {
         return false;
     }
-    if (session->download_data_cb != nullptr && _is_body_wanted(session) &&
+    if (session->download_data_cb != nullptr && is_body_wanted(session) &&
         session_may_call_host(session)) {
         position += (uint64_t)session->request->range_start;
         session->download_data_cb(session, session->user_data, position, bytes, count);
@@ -332,7 +332,7 @@ static bool _reserve_memory_body(http_response* response) {
 static uint32_t _keep_in_memory(http_session* session) {
     http_response* response = session->response;
     text_buffer* chunk = &response->body_chunk;
-    if (session->download_data_cb != nullptr && _is_body_wanted(session)) {
+    if (session->download_data_cb != nullptr && is_body_wanted(session)) {
         text_buffer_set_length(chunk, 0);  // The host has the bytes.
         return TAV_HTTP_ERROR_CODE_OK;
     }
@@ -358,7 +358,7 @@ uint32_t write_response_body(http_session* session) {
         LOG_INFO("_work_write_body, no data to write, return, sid=%d", session->id);
         return TAV_HTTP_ERROR_CODE_OK;
     }
-    if (response->delivered_bytes == 0 && _is_body_wanted(session)) {
+    if (response->delivered_bytes == 0 && is_body_wanted(session)) {
         _report_download_start(session);
     }
     if (!_check_offsets(session)) {

@@ -17,10 +17,6 @@
 #include "tavhttpclient/statistics.h"
 #include "tavhttpclient/transport.h"
 
-enum {
-    CONNECTION_MODE_KEEP_ALIVE = 1
-};
-
 // The completion on its way through the worker pool. The task and its hook are taken out of the
 // session before the host is told.
 struct complete_work {

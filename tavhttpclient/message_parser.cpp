@@ -161,7 +161,8 @@ static void _handle_connection(http_response* response, const char* value) {
     parse_connection_value(text, &keep_alive, &timeout, &max);
     free(text);
 
-    response->connection_mode = keep_alive != 0 ? 1 : 2;
+    response->connection_mode =
+        keep_alive != 0 ? CONNECTION_MODE_KEEP_ALIVE : CONNECTION_MODE_CLOSE;
     if (keep_alive != 0) {
         response->keep_alive_timeout = timeout;
         response->keep_alive_max = max;
@@ -260,7 +261,7 @@ static uint32_t _handle_response_header(const response_parser* parser, http_resp
 
 // ------------------------------------------------------------------- collecting names and values
 
-static void _drop_pending_header(response_parser* parser) {
+static void _discard_pending_header(response_parser* parser) {
     free(parser->pending_name);
     free(parser->pending_value);
     parser->pending_name = nullptr;
@@ -276,7 +277,7 @@ static bool _flush_pending_header(response_parser* parser, http_response* respon
     if (ok) {
         _handle_response_header(parser, response, name, value);
     }
-    _drop_pending_header(parser);
+    _discard_pending_header(parser);
     return ok;
 }
 
@@ -333,7 +334,7 @@ static int on_message_begin(http_parser* state) {
         return STOP_PARSER;
     }
     // The trailer of a message before this one may have left a header behind.
-    _drop_pending_header(response->parser);
+    _discard_pending_header(response->parser);
     return 0;
 }
 
@@ -348,7 +349,7 @@ static int on_status(http_parser* state, const char* piece, size_t length) {
 }
 
 static int _begin_name(response_parser* parser, const char* piece, size_t length) {
-    _drop_pending_header(parser);
+    _discard_pending_header(parser);
     parser->header_state = HEADER_NAME;
     return _begin_piece(&parser->pending_name, piece, length);
 }
@@ -371,7 +372,7 @@ static int on_header_field(http_parser* state, const char* piece, size_t length)
         LOG_INFO("on_header_field, invalid state, name=%s, value=%s, state=%d",
                  _printable(parser->pending_name), _printable(parser->pending_value),
                  (int32_t)parser->header_state);
-        _drop_pending_header(parser);
+        _discard_pending_header(parser);
         break;
     }
     return 0;
@@ -386,7 +387,7 @@ static int on_header_value(http_parser* state, const char* piece, size_t length)
     }
     switch (parser->header_state) {
     case HEADER_IDLE:
-        _drop_pending_header(parser);
+        _discard_pending_header(parser);
         break;
     case HEADER_NAME:
         parser->header_state = HEADER_VALUE;
@@ -397,7 +398,7 @@ static int on_header_value(http_parser* state, const char* piece, size_t length)
         LOG_INFO("on_header_value, invalid state, name=%s, value=%s, state=%d",
                  _printable(parser->pending_name), _printable(parser->pending_value),
                  (int32_t)parser->header_state);
-        _drop_pending_header(parser);
+        _discard_pending_header(parser);
         break;
     }
     return 0;
@@ -415,7 +416,7 @@ static int on_headers_complete(http_parser* state) {
                  _printable(parser->pending_name), _printable(parser->pending_value),
                  (int32_t)parser->header_state);
     }
-    _drop_pending_header(parser);
+    _discard_pending_header(parser);
     response->recv_state = RECV_HEADERS_DONE;
     return 0;
 }
@@ -551,6 +552,6 @@ void free_response_parser(response_parser* parser) {
     if (parser == nullptr) {
         return;
     }
-    _drop_pending_header(parser);
+    _discard_pending_header(parser);
     free(parser);
 }

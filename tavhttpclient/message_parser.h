@@ -24,9 +24,9 @@ struct response_parser {
     uint32_t header_bytes;  // as MAX_HEADER_BYTES counts them
 };
 
-// Feeds the next `count` received bytes. What comes behind the end of the response is dropped, and
-// noted in response->has_surplus. False: the bytes are no valid continuation of a response, or its
-// head is too long (or an argument is null or 0).
+// Feeds the next `count` received bytes. What comes behind the end of the response is discarded,
+// and noted in response->has_surplus. False: the bytes are no valid continuation of a response, or
+// its head is too long (or an argument is null or 0).
 bool parse_response_message(http_response* response, const char* data, uint32_t count);
 
 void free_response_parser(response_parser* parser);

@@ -24,6 +24,13 @@ enum {
     RECV_ERROR = 4
 };
 
+// Values of http_response.connection_mode.
+enum {
+    CONNECTION_MODE_NONE = 0,  // no Connection header
+    CONNECTION_MODE_KEEP_ALIVE = 1,
+    CONNECTION_MODE_CLOSE = 2
+};
+
 enum {
     MD5_DIGEST_SIZE = 16
 };
@@ -42,7 +49,7 @@ struct http_response {
     http_session* session;  // unread
     uint32_t status_code;
     char* status_text;
-    uint32_t connection_mode;  // 0 no Connection header, 1 keep-alive, 2 close
+    uint32_t connection_mode;
     int32_t keep_alive_timeout;
     int32_t keep_alive_max;
     uint64_t content_length;    // 0 when absent

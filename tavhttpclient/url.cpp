@@ -2,7 +2,7 @@
 //
 // analyze_url -> parse_url_info -> _parse_authority -> _parse_host_and_port
 //                               -> _parse_path_part
-// resolve_relative_url -> _count_dot_segments -> _drop_segments
+// resolve_relative_url -> _count_dot_segments -> _remove_segments
 #include <stdlib.h>
 #include <string.h>
 
@@ -191,7 +191,7 @@ static char* _make_path(const url_info* info) {
     return info->path.length != 0 ? _dup_view(info->path) : string_dup("/");
 }
 
-// Path and query as the request line carries them; without a path the query is dropped.
+// Path and query as the request line carries them; without a path the query is left out.
 static char* _make_target(const url_info* info) {
     if (info->path.length == 0 || info->query.length == 0) {
         return _make_path(info);
@@ -288,7 +288,7 @@ static const char* _count_dot_segments(const char* location, uint32_t* up) {
 }
 
 // Removes `count` segments from the end; more than there are leave nothing.
-static void _drop_segments(char* path, uint32_t count) {
+static void _remove_segments(char* path, uint32_t count) {
     for (; count > 0; --count) {
         char* last = strrchr(path, '/');
         if (last == nullptr) {
@@ -319,7 +319,7 @@ char* resolve_relative_url(const char* current, const char* location) {
         uint32_t up = 0;
         location = _count_dot_segments(location, &up);
         if (path != nullptr) {
-            _drop_segments(path, up);
+            _remove_segments(path, up);
         }
     }
     bool ends_in_slash = path != nullptr && *path == 0;
