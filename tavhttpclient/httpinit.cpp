@@ -12,19 +12,20 @@
 #include "tavhttpclient/httpsession.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/loop.h"
-#include "tavhttpclient/netbasehttp.h"
 #include "tavhttpclient/settings.h"
 #include "tavhttpclient/statistics.h"
 #include "tavhttpclient/taskmgr.h"
 #include "tavhttpclient/tavhttpclient.h"
+#include "tavhttpclient/transport.h"
+#include "tavhttpclient/util.h"
 #include "tavhttpclient/uvhandle.h"
 #include "tavhttpclient/uvhelper.h"
 #include "tavhttpclient/worker.h"
 
 // ------------------------------------------------------------------------------- the modules
 
-// Loop thread, at its start. What comes first here ends last. A task manager that cannot be made
-// leaves the library without it, but the rest is needed by every session.
+// Loop thread, at its start. A task manager that cannot be made leaves the library without it, but
+// the rest is needed by every session.
 static bool _init_loop_modules(void) {
     if (!init_workers()) {
         return false;
@@ -44,25 +45,25 @@ enum {
     HUNG_LOOKUPS_MS = 200
 };
 
-static void _on_patience_over(uv_timer_t* timer) {
+static void _on_grace_over(uv_timer_t* timer) {
     *(bool*)timer->data = true;
 }
 
 // Only lookups that hang are left behind.
 static void _drain_handles(void) {
-    bool patience_over = false;
-    uv_timer_t* patience = new_uv_timer(get_uv_loop(), &patience_over);
-    if (arm_uv_timer(patience, _on_patience_over, HUNG_LOOKUPS_MS) == 0) {
-        uv_unref((uv_handle_t*)patience);  // It is not waited for.
+    bool grace_over = false;
+    uv_timer_t* grace = new_uv_timer(get_uv_loop(), &grace_over);
+    if (arm_uv_timer(grace, _on_grace_over, HUNG_LOOKUPS_MS) == 0) {
+        uv_unref((uv_handle_t*)grace);  // It is not waited for.
     } else {
-        patience_over = true;
+        grace_over = true;
     }
     int32_t hung_lookups = uv_connect_abandon_lookups();
-    while (is_loop_busy() && !(patience_over && hung_lookups > 0)) {
+    while (is_loop_busy() && !(grace_over && hung_lookups > 0)) {
         run_loop_turn();
         hung_lookups = uv_connect_abandon_lookups();
     }
-    close_uv_timer(&patience);
+    close_uv_timer(&grace);
     run_loop_turn();
 }
 
@@ -148,7 +149,7 @@ uint32_t set_custom_download_directory(const char* directory) {
     }
     char* copy = nullptr;
     uint32_t code = TAV_HTTP_ERROR_CODE_OK;
-    if (directory != nullptr && directory[0] != '\0') {
+    if (!is_empty_text(directory)) {
         // Without the lock: what this logs may bring the host back into the settings.
         if (!tavhttp_mkdir(directory)) {
             code = TAV_HTTP_ERROR_CODE_FAIL_CREATE_DIRECTORY;

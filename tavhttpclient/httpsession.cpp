@@ -192,5 +192,6 @@ uint32_t tavHTTPClose(http_session* session) {
     // without it: a session that is kept still has its completion to come.
     bool accepted = async_run_safe_or_discard(_on_async_free_session, session,
                                               _on_async_free_session, &session->closed);
+    // The wrong way round, as hosts know it.
     return accepted ? TAV_HTTP_ERROR_CODE_FAIL_START_ASYNC : TAV_HTTP_ERROR_CODE_OK;
 }

@@ -143,7 +143,7 @@ static void _follow_redirect(http_session* session) {
         return;
     }
     const char* location = session->response->location;
-    if (location == nullptr || location[0] == '\0') {
+    if (is_empty_text(location)) {
         LOG_INFO("_on_recv_finish, redirect without location set, notify error, id=%d",
                  (int32_t)session->id);
         _notify_download_complete(session, TAV_HTTP_ERROR_CODE_SVR_RETURN_ERROR);

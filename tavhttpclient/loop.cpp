@@ -10,7 +10,7 @@
 #include "tavhttpclient/log.h"
 
 enum {
-    SPINS = 64,          // looks before a spinning thread gives way to others
+    SPINS = 64,          // checks before a spinning thread gives way to others
     BATCHES_A_TURN = 64  // of calls, so that the network gets its turn
 };
 
@@ -36,7 +36,7 @@ struct event_loop {
     list_link queue;         // loop_call entries, oldest first
     uint8_t sleeps;          // the loop thread waits in its poll, or is about to
 
-    std::atomic<uint8_t> has_calls;  // in `queue`; for a look without the mutex
+    std::atomic<uint8_t> has_calls;  // in `queue`; also read without the mutex
 
     uint64_t spin_until;   // uv_hrtime; 0: it would not pay
     uint8_t deferred;      // a call that async_run queued waits for the next poll

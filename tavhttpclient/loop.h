@@ -1,7 +1,7 @@
 // The loop thread: its start, its turns, its orderly stop, and the ways to run a call on it.
 //
 // Start   tavHTTPStartup -> run_event_loop -> _run_loop -> loop_thread -> modules -> turns
-// Turn    what is in the inbox, then the poll: network, timers, ends of the pool's work
+// Turn    the poll (network, timers, ends of the pool's work), then what is in the inbox
 // Stop    tavHTTPShutdown -> stop_event_loop -> _on_async_stop_loop -> uninit_flow_start
 //         -> task manager stops -> _stop_task_mgr_callback -> _uninit_flow_finish
 //         -> drain: what is still in flight ends, what is still open is closed -> thread ends

@@ -1,7 +1,7 @@
 // The session record, and the few calls that the layers below the session make.
 //
 // Everything below the session includes this header and nothing more of it. All records that the
-// session points to are their own modules' affair; who looks into one includes its header.
+// session points to are their own modules' affair; who reads one includes its header.
 #ifndef TAVHTTPCLIENT_SESSION_RECORD_H
 #define TAVHTTPCLIENT_SESSION_RECORD_H
 
@@ -66,7 +66,7 @@ struct http_session {
     uint8_t in_flight;            // loop thread: between _on_async_add_task and the last step
     uint8_t completing;           // loop thread: the completion is on its way
     uint8_t close_requested;      // loop thread: release when no longer in flight
-    list_link flight_link;        // in the loop's list of sessions in flight
+    list_link flight_link;        // in the list of sessions in flight
 };
 
 // ---------------------------------------------------------------------------------- any thread

@@ -11,7 +11,7 @@
 #include "platform/win_thread.h"
 
 enum {
-    SPINS = 64  // looks between two at the clock
+    SPINS = 64  // checks between two readings of the clock
 };
 
 // What is counted as saved by spinning, and as lost; about in the relation of the processor times.
@@ -32,7 +32,7 @@ struct worker_queue {
 
     uv_mutex_t mutex;  // guards these:
     list_link waiting;
-    std::atomic<int32_t> waiting_count;  // also looked at without the mutex
+    std::atomic<int32_t> waiting_count;  // also read without the mutex
     int32_t free_workers;                // sure to come for a step: on their way, or spinning
     uint64_t came_at;                    // when a worker last came for a step, or one began to wait
     bool someone_spins;                  // one is enough
