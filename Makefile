@@ -27,8 +27,8 @@ lint:
 fault:
 	scripts/install-deps test
 	for p in release asan; do cmake --preset $$p -DTAV_HTTP_BUILD_TESTS=ON && \
-	    cmake --build --preset $$p --target fault_injection && \
-	    build/$$p/tests/fault/fault_injection || exit 1; done
+	    cmake --build --preset $$p --target test_fault && \
+	    build/$$p/tests/test_fault || exit 1; done
 
 # make fuzz T=60: each fuzzer for T seconds.
 T ?= 60
