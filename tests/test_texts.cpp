@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "support/inside.h"
+#include "tavhttpclient/contentdecompress.h"
 #include "tavhttpclient/cookiemgr.h"
 #include "tavhttpclient/log.h"
 #include "tavhttpclient/netbasehttps_openssl.h"
@@ -118,6 +119,33 @@ std::string merge(const std::string& in) {
     return take(merge_cookie_text(exact_text(first).get(), exact_text(second).get()));
 }
 
+std::string stored_for(const std::string& url) {
+    char* text = nullptr;
+    get_cookie(url.c_str(), &text);
+    return text != nullptr ? take(text) : "";
+}
+
+// What a request gets: where the first cookie comes from, the cookies (the others come from h/),
+// the request. "http://" is added to what does not begin with a mark.
+std::string cookies(const std::string& in) {
+    auto url = [](const std::string& text) {
+        return text[0] == '!' ? text.substr(1) : "http://" + text;
+    };
+    auto [from, rest] = parts_of(in);
+    EXPECT_TRUE(init_cookie_store());
+    while (rest.find('|') != std::string::npos) {
+        auto [value, next] = parts_of(rest);
+        EXPECT_TRUE(set_cookie_by_http_header(url(from).c_str(), exact_text(value).get()));
+        EXPECT_TRUE(init_cookie_store()) << "keeps the store that exists";
+        from = "h/";
+        rest = next;
+    }
+    std::string sent = stored_for(url(rest));
+    uninit_cookie_store();
+    EXPECT_EQ("", stored_for(url(rest))) << "ended with its cookies";
+    return sent;
+}
+
 #if TAV_HTTP_WITH_TLS
 std::string cname(const std::string& in) {
     heap_text subject = exact_text(in);
@@ -131,166 +159,120 @@ std::string matches(const std::string& in) {
 }
 #endif
 
-const std::string dates_refused[] = {"Sun>sun",
-                                     "Nov>nov",
-                                     "Sun,>Sun",
-                                     "1994>1899",
-                                     "06>32",
-                                     "06>-6",
-                                     "08>24",
-                                     "49>60",
-                                     "37>60",
-                                     "37>-1",
-                                     ":37 GMT>",
-                                     "06 Nov 1994>06-Nov-94",
-                                     "Sun, 06>Sunday, 06",
-                                     "Sun, 06>Sun Nov 6",
-                                     "06>4294967302",
-                                     "1994>99999999999999999999",
-                                     "Sun>SunSunSunSunSun",
-                                     "Nov>NovNovNovNov"};
+using text_rows = std::vector<std::pair<std::string, std::string>>;  // what goes in, what comes out
 
 const struct {
     in_out call;
-    std::string in, out;
-} rows[] = {
-    {split_url, "  x://h/p", "x h=h p=/p"},
-    {split_url, "\tx://h/p", "\tx h=h p=/p"},
-    {split_url, "://h", " h=h"},
-    {split_url, "x://u:p@h:8/a/b?c=d#e", "x u=u pw=p h=h port=8 p=/a/b q=c=d f=e"},
-    {split_url, "x://u:@h", "x u=u h=h"},
-    {split_url, "x://u:p:q@h", "x u=u pw=p:q h=h"},
-    {split_url, "x://@h", "x h=h"},
-    {split_url, "x://u:p@", "x h=u port=p"},
-    {split_url, "x://u@v@h", "x u=u h=v@h"},
-    {split_url, "x://h:/p", "x h=h p=/p"},
-    {split_url, "x://u@[::1]:81/p", "x u=u h=::1 port=81 p=/p"},
-    {split_url, "x://fe80::1/", "x h=fe80 port=:1"},
-    {split_url, "x://h?b=1", "x h=h q=b=1"},
-    {split_url, "x://h?#f", "x h=h f=f"},
-    {split_url, "x://h?a/b", "x h=h?a p=/b"},
-    {split_url, "x://h#f", "x h=h#f"},
-    {split_url, "x://h/?#", "x h=h p=/"},
-    {split_url, "x://h/a#f?q", "x h=h p=/a f=f?q"},
-    {split_url, "x://h/a://b", "x h=h p=/a://b"},
-    {split_url, "", "refused"},
-    {split_url, "h/p", "refused"},
-    {split_url, "x:/h", "refused"},
-    {split_url, "x:///p", "refused"},
-    {split_url, "x://@:80/", "refused"},
-    {split_url, "x://::1/", "refused"},
-    {split_url, "x://[]/", "refused"},
-    {split_url, "x://[::1", "refused"},
-    {split_url, "x://[::1]x/", "refused"},
-    {split_url, "x://[::1]:/", "refused"},
-    {analyze, "https://h", "https h 443 / /"},
-    {analyze, "HTTPS://H/P", "HTTPS H 443 /P /P"},
-    {analyze, "http://h:8080/a?b=1#c", "http h 8080 /a /a?b=1"},
-    {analyze, "https://h:0/", "https h 443 / /"},
-    {analyze, "http://h:x/", "http h 80 / /"},
-    {analyze, "http://h:70000/", "http h 4464 / /"},
-    {analyze, "http://h?b=1", "http h 80 / /"},
-    {analyze, "http://h/%s%n?%d", "http h 80 /%s%n /%s%n?%d"},
-    {analyze, "http://[::1]:81/p", "http ::1 81 /p /p"},
-    {analyze, "h/p", "refused"},
-    {absolute, "http://h", "yes"},
-    {absolute, " a://b", "yes"},
-    {absolute, "abcdefghijklmno://h", "yes"},
-    {absolute, "abcdefghijklmnop://h", "no"},
-    {absolute, "http://", "no"},
-    {absolute, "://h", "no"},
-    {absolute, "a?b://h", "no"},
-    {absolute, "a&b://h", "no"},
-    {resolve, "x://h/a/b/c?o|?q=1", "x://h/a/b/c?q=1"},
-    {resolve, "x://h?a/b|/r", "x://h/r"},
-    {resolve, "x://h/a?b/c|r", "x://h/r"},
-    {resolve, "x://h/a|../../x", "x://h/x"},
-    {resolve, "x://h|../x", "x://h/x"},
-    {resolve, "x://h/a/b/c|./../x", "x://h/a/x"},
-    {resolve, "x://h/a/b/c|.././x", "x://h/a/./x"},
-    {resolve, "x://h/a/b/c|..", "x://h/a/b/.."},
-    {resolve, "x://h/a/b|", "x://h/a/"},
-    {resolve, "x://h/a/b/c|../", "x://h/a/"},
-    {resolve, "x://h/a#f|x", "x://h/x"},
-    {resolve, "|x", "/x"},
-    {same_scheme, "https://a/x//y|//b/p", "https://b/p"},
-    {same_scheme, "//a|//b", "//b"},
-    {same_scheme, "x:/a|//b", "(null)"},
-    {escape, "-._~0123456789ABCXYZabcxyz", "-._~0123456789ABCXYZabcxyz"},
-    {escape, "\x01 !\"+,/:@[`{\x7F\x80\xFF", "%01%20%21%22%2B%2C%2F%3A%40%5B%60%7B%7F%80%FF"},
-    {split_at, "a=b=c", "a|b=c"},
-    {split_at, "abc", "abc-"},
-    {split_at, "=b", "-|b"},
-    {split_at, "a=", "a|-"},
-    {trim, " \t a b\t ", "a b"},
-    {trim, " \t ", ""},
-    {trim, "\r\nab\n", "\r\nab\n"},
-    {date, ">", "784111777"},
-    {date, "GMT>PST", "784111777"},
-    {date, "Sun>Mon", "784111777"},
-    {date, "Sun, 0>Sun,", "784111777"},
-    {date, "06 Nov 1994>06-Nov-1994", "784111777"},
-    {date, "Sun, 06 Nov>Fri, 15 Jul", "774262177"},
-    {date, "Sun, 06 Nov 1994 08:49:37>Thu, 01 Jan 1970 00:00:01", "1"},
-    {gmt, "0", "Thu, 01 Jan 1970 00:00:00 GMT"},
-    {gmt, "951827696", "Tue, 29 Feb 2000 12:34:56 GMT"},
-    {gmt, "-1", "(null)"},
-    {gmt, "9223372036854775807", "(null)"},
-    {base64, "", ""},
-    {base64, "a", "YQ=="},
-    {base64, "a:", "YTo="},
-    {base64, "\xFF\xFE\xFD", "//79"},
-    {base64, "\xFB\xF0", "+/A="},
-    {content_range, "bytes 0-99/1000", "0 99 1000"},
-    {content_range, "5-9/10", "5 9 10"},
-    {content_range, "bytes 0-99/*", "0 99 0"},
-    {content_range, "bytes 4294967296-8589934591/17179869184", "4294967296 8589934591 17179869184"},
-    {content_range, "bytes 99999999999999999999-1/2", "9223372036854775807 1 2"},
-    {content_range, "bytes 0-/9", "0 0 9"},
-    {content_range, "bytes */1000", "refused"},
-    {content_range, "bytes 0-99", "refused"},
-    {content_range, "bytes 0/9-1", "refused"},
-    {connection, "keep-alive, timeout=15, max=100", "1 15 100"},
-    {connection, "KEEP-ALIVE; TIMEOUT = 5; MAX= 7", "1 5 7"},
-    {connection, "keep-alive, timeout, max=4", "1 4 4"},
-    {connection, "keep-alive, timeout=99999999999, max=-99999999999", "1 2147483647 -2147483648"},
-    {connection, "close, timeout=15", "0 0 0"},
-    {merge, "a=1; b=2|b=3;c=4;", "a=1; b=2; c=4"},
-    {merge, "a=1; a=2|", "a=1"},
-    {merge, "a=1|A=2;", "a=1; A=2"},
-    {merge, " a = 1 ;; =x; flag ;|b=;", "a=1; b="},
-    {merge, "flag|=", ""},
+    text_rows rows;
+} tables[] = {
+    // clang-format off
+    {split_url, {{"  x://h/p", "x h=h p=/p"}, {"\tx://h/p", "\tx h=h p=/p"}, {"://h", " h=h"},
+     {"x://u:p@h:8/a/b?c=d#e", "x u=u pw=p h=h port=8 p=/a/b q=c=d f=e"}, {"x://u:@h", "x u=u h=h"},
+     {"x://u:p:q@h", "x u=u pw=p:q h=h"}, {"x://@h", "x h=h"}, {"x://u:p@", "x h=u port=p"},
+     {"x://u@v@h", "x u=u h=v@h"}, {"x://h:/p", "x h=h p=/p"},
+     {"x://u@[::1]:81/p", "x u=u h=::1 port=81 p=/p"}, {"x://fe80::1/", "x h=fe80 port=:1"},
+     {"x://h?b=1", "x h=h q=b=1"}, {"x://h?#f", "x h=h f=f"}, {"x://h?a/b", "x h=h?a p=/b"},
+     {"x://h#f", "x h=h#f"}, {"x://h/?#", "x h=h p=/"}, {"x://h/a#f?q", "x h=h p=/a f=f?q"},
+     {"x://h/a://b", "x h=h p=/a://b"}, {"", "refused"}, {"h/p", "refused"}, {"x:/h", "refused"},
+     {"x:///p", "refused"}, {"x://@:80/", "refused"}, {"x://::1/", "refused"},
+     {"x://[]/", "refused"}, {"x://[::1", "refused"}, {"x://[::1]x/", "refused"},
+     {"x://[::1]:/", "refused"}, {"x://[ab", "refused"}}},
+    {analyze, {{"https://h", "https h 443 / /"}, {"HTTPS://H/P", "HTTPS H 443 /P /P"},
+     {"http://h:8080/a?b=1#c", "http h 8080 /a /a?b=1"}, {"https://h:0/", "https h 443 / /"},
+     {"http://h:x/", "http h 80 / /"}, {"http://h:70000/", "http h 4464 / /"},
+     {"http://h?b=1", "http h 80 / /"}, {"http://h/%s%n?%d", "http h 80 /%s%n /%s%n?%d"},
+     {"http://[::1]:81/p", "http ::1 81 /p /p"}, {"h/p", "refused"}}},
+    {absolute, {{"http://h", "yes"}, {" a://b", "yes"}, {"abcdefghijklmno://h", "yes"},
+     {"abcdefghijklmnop://h", "no"}, {"http://", "no"}, {"://h", "no"}, {"a?b://h", "no"},
+     {"a&b://h", "no"}}},
+    {resolve, {{"x://h/a/b/c?o|?q=1", "x://h/a/b/c?q=1"}, {"x://h?a/b|/r", "x://h/r"},
+     {"x://h/a?b/c|r", "x://h/r"}, {"x://h/a|../../x", "x://h/x"}, {"x://h|../x", "x://h/x"},
+     {"x://h/a/b/c|./../x", "x://h/a/x"}, {"x://h/a/b/c|.././x", "x://h/a/./x"},
+     {"x://h/a/b/c|..", "x://h/a/b/.."}, {"x://h/a/b|", "x://h/a/"},
+     {"x://h/a/b/c|../", "x://h/a/"}, {"x://h/a#f|x", "x://h/x"}, {"|x", "/x"}}},
+    {same_scheme, {{"https://a/x//y|//b/p", "https://b/p"}, {"//a|//b", "//b"},
+     {"x:/a|//b", "(null)"}}},
+    {escape, {{"-._~0123456789ABCXYZabcxyz", "-._~0123456789ABCXYZabcxyz"},
+     {"\x01 !\"+,/:@[`{\x7F\x80\xFF", "%01%20%21%22%2B%2C%2F%3A%40%5B%60%7B%7F%80%FF"}}},
+    {split_at, {{"a=b=c", "a|b=c"}, {"abc", "abc-"}, {"=b", "-|b"}, {"a=", "a|-"}, {"=", "-|-"},
+     {"", "-"}}},
+    {trim, {{" \t a b\t ", "a b"}, {" \t ", ""}, {"\r\nab\n", "\r\nab\n"}, {"", ""}}},
+    {date, {{">", "784111777"}, {"GMT>PST", "784111777"}, {"Sun>Mon", "784111777"},
+     {"Sun, 0>Sun,", "784111777"}, {"06 Nov 1994>06-Nov-1994", "784111777"},
+     {"Sun, 06 Nov>Fri, 15 Jul", "774262177"},
+     {"Sun, 06 Nov 1994 08:49:37>Thu, 01 Jan 1970 00:00:01", "1"}}},
+    {gmt, {{"0", "Thu, 01 Jan 1970 00:00:00 GMT"}, {"951827696", "Tue, 29 Feb 2000 12:34:56 GMT"},
+     {"-1", "(null)"}, {"9223372036854775807", "(null)"}}},
+    {base64, {{"", ""}, {"a", "YQ=="}, {"a:", "YTo="}, {"\xFF\xFE\xFD", "//79"},
+     {"\xFB\xF0", "+/A="}}},
+    {content_range, {{"bytes 0-99/1000", "0 99 1000"}, {"5-9/10", "5 9 10"},
+     {"bytes 0-99/*", "0 99 0"},
+     {"bytes 4294967296-8589934591/17179869184", "4294967296 8589934591 17179869184"},
+     {"bytes 99999999999999999999-1/2", "9223372036854775807 1 2"}, {"bytes 0-/9", "0 0 9"},
+     {"bytes */1000", "refused"}, {"bytes 0-99", "refused"}, {"bytes 0/9-1", "refused"},
+     {"", "refused"}, {"bytes 5-9/10 trailing", "5 9 10"}}},
+    {connection, {{"keep-alive, timeout=15, max=100", "1 15 100"},
+     {"KEEP-ALIVE; TIMEOUT = 5; MAX= 7", "1 5 7"}, {"keep-alive, timeout, max=4", "1 4 4"},
+     {"keep-alive, timeout=99999999999, max=-99999999999", "1 2147483647 -2147483648"},
+     {"close, timeout=15", "0 0 0"}, {"keep-alive, timeout=", "1 0 0"}}},
+    {merge, {{"a=1; b=2|b=3;c=4;", "a=1; b=2; c=4"}, {"a=1; a=2|", "a=1"}, {"a=1|A=2;", "a=1; A=2"},
+     {" a = 1 ;; =x; flag ;|b=;", "a=1; b="}, {"flag|=", ""}}},
+    {cookies, {{"h/|S=1; Path=/; Domain=.b.c|a.b.c/x", "S=1;"},
+     {"h/|S=1; Path=/; Domain=b.c|ab.c/", ""}, {"h/|a=1; Path=/; Domain=x.b.c|b.c/", ""},
+     {"h/|a=1; PATH=/; DOMAIN=B.c|b.C/", "a=1;"}, {"h/dir?q=1|a=1|h/dir", "a=1;"},
+     {"h|a=1|h/any/where", "a=1;"}, {"h/|a=1; Path=/A|h/a", ""},
+     {"h/a/b|x=1; Path=y|h/a/by", "x=1;"}, {"h/a/b|x=1; Path=y|h/a/b", ""},
+     {"h/a|x=1; Path=|h/a/b", "x=1;"}, {"h/|a=; Path=/|h/", "a=;"},
+     {"h/|a=1; path=/|a=; path=/|h/", ""}, {"h/|a=1|A=2|a=3|h/", "a=3;A=2;"},
+     {"h/|a=1; Path=/|a=2; Path=/x|h/x", "a=1;a=2;"},
+     {"h/|a=1; Path=/; Domain=c|b=2; Path=/; Domain=.b.c|d=3; Path=/; Domain=a.b.c|a.b.c/",
+      "d=3;b=2;a=1;"},
+     {"h/|x=1; Secure; HttpOnly; Max-Age=60|h/", "x=1;Max-Age=60;"}, {"h/|Path=/; x=1|h/z", "x=1;"},
+     {"h/|;; \tx = 1\t ;;;|h/", "x=1;"}, {"h/|x=a=b==|h/", "x=a=b==;"}, {"h/|=1; y=2|h/", "y=2;"},
+     {"h/|a=1; expires=Sun, 06-Nov-1994 08:49:37 GMT|h/", ""},
+     {"h/|a=1; expires=Fri, 01 Jan 2100 00:00:00 GMT|h/", "a=1;"},
+     {"h/|a=1; expires=tomorrow|h/", "a=1;"},
+     {"h/|a=1; expires=Sun, 06 Nov 1994 08:49:37 GMT|a=2|h/", ""},
+     {"h/|a=1; Path=/; Domain=o|o/", "a=1;"}, {"u:p@h:8080/|a=1|!https://h/", "a=1;"},
+     {"!nothing|a=1|nothing/", ""}, {"!nothing|a=1; Path=/; Domain=h|h/", "a=1;"}}},
 #if TAV_HTTP_WITH_TLS
-    {cname, "O=Test\nCN=Mixed.ZEBRA.TEST", "mixed.zebra.test"},
-    {cname, "O=Test\nCN=first\nCN=second", "first"},
-    {cname, "CN=first\nCN=second", "second"},
-    {cname, "CN=only", "none"},
-    {cname, "O=cn=inside\nOU=x", "none"},
-    {cname, "O=Test\nXCN=host", "none"},
-    {cname, "O=Test\nCN", "none"},
-    {matches, "zebra.test|ZEBRA.Test", "yes"},
-    {matches, "host.test|a.host.test", "no"},
-    {matches, "host.test|host.tes", "no"},
-    {matches, "*.host.test|a.b.host.test", "yes"},
-    {matches, "*.host.test|.host.test", "yes"},
-    {matches, "*.host.test|ahost.test", "no"},
-    {matches, "*.host.test|ost.test", "no"},
-    {matches, "*|*", "no"},
-    {matches, "**.host.test|a.host.test", "no"},
-    {matches, "a.*.test|a.*.test", "yes"},
+    {cname, {{"O=Test\nCN=Mixed.ZEBRA.TEST", "mixed.zebra.test"},
+     {"O=Test\nCN=first\nCN=second", "first"}, {"CN=first\nCN=second", "second"},
+     {"CN=only", "none"}, {"O=cn=inside\nOU=x", "none"}, {"O=Test\nXCN=host", "none"},
+     {"O=Test\nCN", "none"}, {"O=Test\nCN=\nOU=x", ""}}},
+    {matches, {{"zebra.test|ZEBRA.Test", "yes"}, {"host.test|a.host.test", "no"},
+     {"host.test|host.tes", "no"}, {"*.host.test|a.b.host.test", "yes"},
+     {"*.host.test|.host.test", "yes"}, {"*.host.test|ahost.test", "no"},
+     {"*.host.test|ost.test", "no"}, {"*|*", "no"}, {"**.host.test|a.host.test", "no"},
+     {"a.*.test|a.*.test", "yes"}}},
 #endif
+    // clang-format on
 };
 
+// clang-format off
+const char* const dates_refused[] = {
+    "Sun>sun", "Nov>nov", "Sun,>Sun", "1994>1899", "06>32", "06>-6", "08>24", "49>60", "37>60",
+    "37>-1", ":37 GMT>", "06 Nov 1994>06-Nov-94", "Sun, 06>Sunday, 06", "Sun, 06>Sun Nov 6",
+    "06>4294967302", "1994>99999999999999999999", "Sun>SunSunSunSunSun", "Nov>NovNovNovNov"
+};
+// clang-format on
+
 TEST(Texts, ComeOutAsTheTableSays) {
-    for (const auto& row : rows) {
-        EXPECT_EQ(row.out, row.call(row.in)) << row.in;
+    for (const auto& table : tables) {
+        for (const auto& [in, out] : table.rows) {
+            EXPECT_EQ(out, table.call(in)) << in;
+        }
     }
-    for (const std::string& change : dates_refused) {
+    for (const char* change : dates_refused) {
         EXPECT_EQ("refused", date(change)) << change;
     }
 }
 
 TEST(Texts, CountsLimitWhatIsRead) {
+    char address[64] = "old";
+    sockaddr_to_text(nullptr, address);
+    EXPECT_STREQ("", address);
+    release_content_decoder(nullptr);
     std::int64_t seconds = 0;
     const std::string text = "Sun, 06 Nov 1994 08:49:37";
     EXPECT_TRUE(parse_http_date(exact_bytes(text).get(), 25, &seconds));
@@ -367,6 +349,7 @@ TEST(TextBuffer, RefusalsLeaveTheContents) {
     EXPECT_EQ(16, one.capacity);
     EXPECT_TRUE(text_buffer_set_length(&one, 33));
     EXPECT_EQ("0123456789", one.text().substr(0, 10));
+    text_buffer_release(&one);  // as at its end: it is an empty one then
 }
 
 TEST(Log, LinesOfEveryLengthArriveWhole) {
@@ -383,70 +366,10 @@ TEST(Log, LinesOfEveryLengthArriveWhole) {
 
 // ---------------------------------------------------------------------------------- the cookies
 
-std::string stored_for(const std::string& url) {
-    char* text = nullptr;
-    get_cookie(url.c_str(), &text);
-    return text != nullptr ? take(text) : "";
-}
-
-// The first cookie comes from `from`, the others from http://h/; all are then asked for.
-const struct {
-    const char* from;
-    std::vector<const char*> stored;
-    const char *request, *sent;
-} cookie_rows[] = {
-    {"http://h/", {"S=1; Path=/; Domain=.b.c"}, "http://a.b.c/x", "S=1;"},
-    {"http://h/", {"S=1; Path=/; Domain=b.c"}, "http://ab.c/", ""},
-    {"http://h/", {"a=1; Path=/; Domain=x.b.c"}, "http://b.c/", ""},
-    {"http://h/", {"a=1; PATH=/; DOMAIN=B.c"}, "http://b.C/", "a=1;"},
-    {"http://h/dir?q=1", {"a=1"}, "http://h/dir", "a=1;"},
-    {"http://h", {"a=1"}, "http://h/any/where", "a=1;"},
-    {"http://h/", {"a=1; Path=/A"}, "http://h/a", ""},
-    {"http://h/a/b", {"x=1; Path=y"}, "http://h/a/by", "x=1;"},
-    {"http://h/a/b", {"x=1; Path=y"}, "http://h/a/b", ""},
-    {"http://h/a", {"x=1; Path="}, "http://h/a/b", "x=1;"},
-    {"http://h/", {"a=; Path=/"}, "http://h/", "a=;"},
-    {"http://h/", {"a=1; path=/", "a=; path=/"}, "http://h/", ""},
-    {"http://h/", {"a=1", "A=2", "a=3"}, "http://h/", "a=3;A=2;"},
-    {"http://h/", {"a=1; Path=/", "a=2; Path=/x"}, "http://h/x", "a=1;a=2;"},
-    {"http://h/",
-     {"a=1; Path=/; Domain=c", "b=2; Path=/; Domain=.b.c", "d=3; Path=/; Domain=a.b.c"},
-     "http://a.b.c/",
-     "d=3;b=2;a=1;"},
-    {"http://h/", {"x=1; Secure; HttpOnly; Max-Age=60"}, "http://h/", "x=1;Max-Age=60;"},
-    {"http://h/", {"Path=/; x=1"}, "http://h/z", "x=1;"},
-    {"http://h/", {";; \tx = 1\t ;;;"}, "http://h/", "x=1;"},
-    {"http://h/", {"x=a=b=="}, "http://h/", "x=a=b==;"},
-    {"http://h/", {"=1; y=2"}, "http://h/", "y=2;"},
-    {"http://h/", {"a=1; expires=Sun, 06-Nov-1994 08:49:37 GMT"}, "http://h/", ""},
-    {"http://h/", {"a=1; expires=Fri, 01 Jan 2100 00:00:00 GMT"}, "http://h/", "a=1;"},
-    {"http://h/", {"a=1; expires=tomorrow"}, "http://h/", "a=1;"},
-    {"http://h/", {"a=1; expires=Sun, 06 Nov 1994 08:49:37 GMT", "a=2"}, "http://h/", ""},
-    {"http://h/", {"a=1; Path=/; Domain=o"}, "http://o/", "a=1;"},
-    {"http://u:p@h:8080/", {"a=1"}, "https://h/", "a=1;"},
-    {"nothing", {"a=1"}, "http://nothing/", ""},
-    {"nothing", {"a=1; Path=/; Domain=h"}, "http://h/", "a=1;"},
-};
-
-TEST(CookieStore, SendsWhatWasStored) {
-    for (const auto& row : cookie_rows) {
-        SCOPED_TRACE(std::string(row.stored[0]) + " for " + row.request);
-        ASSERT_TRUE(init_cookie_store());
-        const char* from = row.from;
-        for (const char* value : row.stored) {
-            EXPECT_TRUE(set_cookie_by_http_header(from, value));
-            ASSERT_TRUE(init_cookie_store()) << "keeps the store that exists";
-            from = "http://h/";
-        }
-        EXPECT_EQ(stored_for(row.request), row.sent);
-        uninit_cookie_store();
-        EXPECT_EQ(stored_for(row.request), "") << "ended with its cookies";
-    }
+TEST(CookieStore, ServesManyThreads) {
     const std::string a = "a=" + std::string(5000, 'x'), b = "b=" + std::string(5000, 'x');
     EXPECT_EQ(a + "; " + b, take(merge_cookie_text(a.c_str(), b.c_str())));
-}
-
-TEST(CookieStore, ServesManyThreads) {
+    EXPECT_EQ("a=1; b=2;", take(merge_cookie_text(nullptr, "a=1; b=2;")));
     ASSERT_TRUE(init_cookie_store());
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; i++) {
