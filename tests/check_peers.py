@@ -12,9 +12,14 @@ failures = []
 
 
 def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
+    """Below the ports that the system hands out, so that no other program is given it meanwhile."""
+    while True:
+        with socket.socket() as s:
+            try:
+                s.bind(("127.0.0.1", random.SystemRandom().randrange(20000, 32000)))
+                return s.getsockname()[1]
+            except OSError:
+                pass
 
 
 def start(*command, port):
