@@ -117,6 +117,8 @@ TEST(Pool, IdleConnectionsExpireAndAreSweptOnceInThirtySeconds) {
     EXPECT_EQ(1u, look_up_after(20));
     EXPECT_EQ(2u, look_up_after(11));
     EXPECT_FALSE(log.has_line("http_connect_close, id=4"));
+    // A counter of 32 bits comes round to where it was.
+    EXPECT_EQ(3u, look_up_after(4294968));
 }
 
 // ------------------------------------------------------------------------------ the connect race

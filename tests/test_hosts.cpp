@@ -240,6 +240,13 @@ TEST(Stop, EndsQueuedAndRunningSessionsOnce) {
     fetch_one();
 }
 
+TEST(Stop, WithoutATaskManagerIsAnAssertion) {
+    allow_assertion("start_stop_default_task_mgr");
+    log_capture log;
+    EXPECT_FALSE(start_stop_default_task_mgr(nullptr));
+    EXPECT_EQ(1u, log.count("function=start_stop_default_task_mgr", 1000));
+}
+
 TEST(TimeOut, ACancelBehindItIsACancel) {
     library lib;
     log_capture log;

@@ -413,6 +413,9 @@ TEST(CookieStore, TheOldestGiveWay) {
     set(10, 999);
     EXPECT_EQ("", stored_for("http://h0/"));
     EXPECT_EQ(0u, stored_for("http://h1/").find("n0=v;"));
+    set(0, 7);
+    EXPECT_EQ("n7=v;", stored_for("http://h0/"));
+    EXPECT_EQ(0u, stored_for("http://h1/").find("n1=v;"));
     uninit_cookie_store();
 }
 
