@@ -35,29 +35,39 @@ enum class target {
     data
 };
 
-struct transfer_row {
-    std::string name;
-    std::vector<script> serve;  // behind the way
-    std::string body = "";      // that the host gets
-    std::string code = "OK";    // otherwise `body` stays in memory and no file is written
+struct row_options {
+    std::string code = "OK";  // otherwise the body stays in memory and no file is written
     std::uint32_t method = TAV_HTTP_METHOD_GET;
     transfer::action set = [](transfer&) {};
     way through = way::plain;
-    std::string head = "";    // pieces of the last request's head, a line each
-    std::string upload = "";  // its body; @ stands for the boundary of a form
-    std::string before = "";  // in the file at the start
-    std::string after = "";   // in the file at the end; empty: the body
-    bool only_file = false;
+    std::string head = "";        // a piece of the last request's head
+    std::string upload = "";      // its body; @ stands for the boundary of a form
+    std::string before = "";      // in the file at the start
+    std::string after = "";       // in the file, where what arrives stays; empty: the body
     bool whole_only = false;      // not in pieces
-    bool keeps_part = false;      // what arrived stays in the file
     int sessions = 1;             // one after the other
     std::size_t connections = 0;  // that they make; 0: one per script
-    std::string path = "/dir/name.ext?q=1#f";
-    std::string assertion = "";  // function whose assertions may fail
+};
 
-    bool takes(target where) const {
-        return (!only_file || where == target::file) && (before.empty() || only_file);
+struct transfer_row : row_options {
+    transfer_row(std::string named, std::vector<script> scripts, std::string gives,
+                 row_options more = {})
+        : row_options(std::move(more)), name(std::move(named)), serve(std::move(scripts)),
+          body(std::move(gives)), only_file(!before.empty() || !after.empty()) {
     }
+    transfer_row(std::string named, const std::string& answer, std::string gives,
+                 row_options more = {})
+        : transfer_row(std::move(named), std::vector<script>{reply_with(answer)}, std::move(gives),
+                       std::move(more)) {
+    }
+    bool takes(target where) const {
+        return !only_file || where == target::file;
+    }
+
+    std::string name;
+    std::vector<script> serve;  // behind the way
+    std::string body;           // that the host gets
+    bool only_file;
 };
 
 const std::vector<transfer_row>& transfer_rows();
