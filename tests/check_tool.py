@@ -104,6 +104,10 @@ class Tool(unittest.TestCase):
         self.assertEqual(logins, ["Basic dXNlcjpzw6ljcmV0", None])
         self.assertNotRegex(out.decode() + err, "(?i)cret|dXNlcjpz")
         self.assertEqual(json.loads(out)["url"], URL + "/away")
+        Server.requests.clear()
+        self.fetch(url + "/disguised", "-o", "x")
+        hosts = [(headers["Host"], headers["Authorization"]) for _, headers in Server.requests]
+        self.assertEqual(hosts, [("127.0.0.1", logins[0]), ("localhost", None)])
 
     def test_proxies_of_the_environment(self):
         proxy = URL.replace("//", "//me:secret@")

@@ -54,7 +54,9 @@ static std::string host_and_port(std::string url, std::string* port) {
         }
         host.erase(colon);
     }
-    return host.size() > 2 && host.front() == '[' ? host.substr(1, host.size() - 2) : host;
+    return host.size() > 2 && host.front() == '[' && host.back() == ']'
+               ? host.substr(1, host.size() - 2)
+               : host;
 }
 
 std::string host_of(const std::string& url) {
@@ -62,9 +64,21 @@ std::string host_of(const std::string& url) {
     return host_and_port(url, &port);
 }
 
+// Whether another reader of URLs, such as the library, may find another host in this one:
+// "http://a#@b/", "http://u@b:80@a/".
+static bool is_ambiguous(const std::string& url) {
+    size_t scheme = url.find("://");
+    size_t start = scheme == std::string::npos ? 0 : scheme + 3;
+    std::string authority = url.substr(start, url.find('/', start) - start);
+    return authority.find_first_of("?#@\\") != std::string::npos;
+}
+
 bool is_same_origin(const std::string& one, const std::string& other) {
     std::string port, other_port;
-    return scheme_of(one) == scheme_of(other) &&
+    if (one == other) {
+        return true;
+    }
+    return !is_ambiguous(one) && !is_ambiguous(other) && scheme_of(one) == scheme_of(other) &&
            host_and_port(one, &port) == host_and_port(other, &other_port) && port == other_port;
 }
 

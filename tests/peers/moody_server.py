@@ -42,7 +42,10 @@ class Server(http.server.BaseHTTPRequestHandler):
         elif kind == "busy" and fails:
             return self.answer(503, b"later", [("Retry-After", 0)])
         elif kind == "away":
-            where = f"http://localhost:{self.server.server_port}/"
+            port = self.server.server_port
+            # the second: this host for who ends it at '#', another for who looks for '@' first
+            disguise = f"127.0.0.1:{port}#@" if "disguised" in self.path else ""
+            where = f"http://{disguise}localhost:{port}/"
             return self.answer(302, b"", [("Location", where)])
         elif kind == "named":
             name = "attachment; filename*=UTF-8''..%2Fgr%C3%BC%C3%9Fe.txt"
