@@ -155,6 +155,7 @@ static bool start_redirected(transfer* item, transfer_result* result) {
 
 static void wait_for_retry(transfer* item, const transfer_result& result, milliseconds delay) {
     item->retries++;
+    item->redirects = 0;
     item->wake_at = steady_clock::now() + delay;
     item->current_url = item->url;
     say(*item, explain_failure(result) + "; attempt " + std::to_string(item->retries + 1) + " in " +
