@@ -2,19 +2,31 @@
 //
 // The main thread starts transfers, waits for their events and draws (run.cpp); the library's
 // threads only count, write and push events (transfer.cpp).
+#include <sstream>
+
 #include "errors.h"
 #include "progress.h"
 #include "run.h"
 #include "system.h"
+#include "text.h"
 #include "trace.h"
 
 static int32_t log_limit = 0;  // set before the library is given print_log
 
-// Any thread of the library.
+// Any thread of the library. What a server sent may be in the text.
 static void print_log(int32_t level, const char* tag, const char* text) {
-    if (level <= log_limit) {
-        print_line(std::string(tag) + " " + std::to_string(level) + " " + without_secrets(text));
+    if (level > log_limit) {
+        return;
     }
+    std::istringstream lines(without_secrets(text));
+    std::string clean = std::string(tag) + " " + std::to_string(level) + " ";
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty() && line.back() == '\r') {
+            line.pop_back();
+        }
+        clean += printable(line) + (lines.eof() ? "" : "\n");
+    }
+    print_line(clean);
 }
 
 int main(int argc, char** argv) {

@@ -24,7 +24,7 @@ static bool could_have_been_kept(const transfer& item, const transfer_result& re
 }
 
 static void print_failure(const transfer& item, const transfer_result& result) {
-    print_line("tavfetch: " + item.url + ": " + explain_failure(result));
+    print_line("tavfetch: " + printable(item.url) + ": " + explain_failure(result));
     if (item.target.kind != TARGET_FILE || is_post(*item.args)) {
         return;
     }
@@ -32,7 +32,7 @@ static void print_failure(const transfer& item, const transfer_result& result) {
     if (!command.empty() && result.failure.text.empty()) {
         std::error_code error;
         uintmax_t size = fs::file_size(fs::u8path(result.file), error);
-        print_line("  " + format_bytes((double)size) + " are kept in " + result.file +
+        print_line("  " + format_bytes((double)size) + " are kept in " + printable(result.file) +
                    "; to go on from there:");
         print_line("  " + command);
     } else if (could_have_been_kept(item, result)) {

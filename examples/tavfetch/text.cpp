@@ -20,10 +20,14 @@ std::string trim(const std::string& text) {
 
 std::string printable(const std::string& text) {
     std::string clean = text;
-    for (char& character : clean) {
-        unsigned char byte = (unsigned char)character;
-        if (byte < 0x20 || byte == 0x7f) {
-            character = '?';
+    for (size_t i = 0; i < clean.size(); i++) {
+        unsigned char byte = (unsigned char)clean[i];
+        // The controls above 0x7f are two bytes of UTF-8; terminals obey them too.
+        unsigned char next = i + 1 < clean.size() ? (unsigned char)clean[i + 1] : 0;
+        if (byte == 0xc2 && next >= 0x80 && next < 0xa0) {
+            clean.replace(i, 2, "?");
+        } else if (byte < 0x20 || byte == 0x7f) {
+            clean[i] = '?';
         }
     }
     return clean;
