@@ -176,9 +176,11 @@ enum class connection_mode : std::uint32_t {
 /// Which redirects are followed.
 enum class redirect_policy {
     follow,           ///< all, with everything that was set; the library's default
-    same_host,        ///< those to the same host, not from https to http; another is the result
-    without_headers,  ///< others too, but without the headers, cookies and Host line that were set;
-                      ///< by tavhttp::client alone: a session stops as with same_host
+    same_host,        ///< those to the same host at any port, not from https to http; another is
+                      ///< the result
+    without_headers,  ///< others too, but without the headers, cookies and Host line that were set,
+                      ///< the body goes along; by tavhttp::client alone: a session stops as with
+                      ///< same_host
     none              ///< none: a redirect is the result
 };
 

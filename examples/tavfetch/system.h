@@ -4,7 +4,9 @@
 #define EXAMPLES_TAVFETCH_SYSTEM_H
 
 #include <cstdio>
+#include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 // True when standard error is a terminal that understands cursor movement.
@@ -24,6 +26,9 @@ std::vector<std::string> utf8_arguments(int argc, char** argv);
 
 // Opens a file of any kind for writing bytes; null with errno set.
 FILE* open_stream(const std::string& path);
+
+// Makes a folder that nobody else may enter. False, with `error` clear: the name is taken.
+bool make_private_folder(const std::filesystem::path& path, std::error_code* error);
 
 // True for names that stand for a device in every directory.
 bool is_device_name(const std::string& name);

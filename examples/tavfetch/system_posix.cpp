@@ -1,7 +1,9 @@
+#include <errno.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "system.h"
@@ -37,6 +39,13 @@ std::vector<std::string> utf8_arguments(int argc, char** argv) {
 
 FILE* open_stream(const std::string& path) {
     return fopen(path.c_str(), "wb");
+}
+
+bool make_private_folder(const std::filesystem::path& path, std::error_code* error) {
+    bool made = mkdir(path.c_str(), S_IRWXU) == 0;
+    *error = made || errno == EEXIST ? std::error_code()
+                                     : std::error_code(errno, std::generic_category());
+    return made;
 }
 
 bool is_device_name(const std::string&) {

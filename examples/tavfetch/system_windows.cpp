@@ -65,6 +65,11 @@ FILE* open_stream(const std::string& path) {
 }
 
 // "nul", "COM1.txt"
+// It takes the rights of the folder it is made in.
+bool make_private_folder(const std::filesystem::path& path, std::error_code* error) {
+    return std::filesystem::create_directory(path, *error);
+}
+
 bool is_device_name(const std::string& name) {
     static const char* const devices[] = {"con", "prn", "aux", "nul"};
     std::string stem = name.substr(0, name.find('.'));

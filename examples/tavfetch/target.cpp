@@ -81,8 +81,7 @@ std::string move_to_folder(transfer_target* target) {
     std::error_code error;
     for (int i = 0; i < 10; i++) {
         fs::path folder = parent / (".tavfetch-" + std::to_string(random()));
-        if (fs::create_directory(folder, error)) {
-            fs::permissions(folder, fs::perms::owner_all, error);
+        if (make_private_folder(folder, &error)) {
             target->folder = folder.u8string();
             target->working = (folder / final.filename()).u8string();
             return "";
