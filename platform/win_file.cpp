@@ -232,6 +232,10 @@ __time64_t _time64(__time64_t* output) {
     return now;
 }
 
+__time64_t _mktime64(struct tm* time) {
+    return (__time64_t)mktime(time);
+}
+
 struct tm* _gmtime64(const __time64_t* seconds) {
     // One record per thread, as callers expect. The range ends with the year 3000.
     static thread_local struct tm result;

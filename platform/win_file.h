@@ -45,6 +45,7 @@ int platform_stat64i32(const char* path, struct _stat64i32* record);
 #define _stat64i32(path, record) platform_stat64i32(path, record)
 
 __time64_t _time64(__time64_t* output);
+__time64_t _mktime64(struct tm* time);
 struct tm* _gmtime64(const __time64_t* seconds);
 
 #endif

@@ -202,7 +202,7 @@ bool parse_http_date(const char* text, int32_t length, int64_t* output) {
 static int64_t _mktime(struct tm* time) {
     static std::mutex lock;
     lock.lock();
-    int64_t seconds = (int64_t)mktime(time);
+    int64_t seconds = _mktime64(time);
     lock.unlock();
     return seconds;
 }
