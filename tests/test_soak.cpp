@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <list>
 #include <random>
 
 #include "support/transfers.h"
@@ -18,6 +19,7 @@
 namespace {
 
 using seconds = std::chrono::duration<double>;
+using std::chrono::microseconds;
 using soak_clock = std::chrono::steady_clock;
 
 struct arguments {
@@ -70,67 +72,61 @@ void judge(const job& one) {
 }
 
 // A thread of the host with its sessions of one round.
-class soak_host {
-  public:
-    explicit soak_host(unsigned seed) : number_(seed), random_(seed) {
+struct soak_host {
+    explicit soak_host(unsigned seed) : number(seed) {
     }
 
     // Keeps sending until `ending`, then waits for what is under way, or until `stopped`.
     void play(const std::atomic<bool>& ending, const std::atomic<bool>& stopped) {
         auto patience = soak_clock::time_point::max();
-        while (!ending || !under_way_.empty()) {
-            while (!ending && under_way_.size() < 16 && start_one()) {
+        while (!ending || !under_way.empty()) {
+            while (!ending && under_way.size() < 16 && start_one()) {
             }
-            std::this_thread::sleep_for(std::chrono::microseconds(500));
+            std::this_thread::sleep_for(microseconds(500));
             bool is_over = stopped;  // before the jobs: a completion comes before the end of a stop
-            std::erase_if(under_way_, [&](auto& one) { return has_ended(one, is_over); });
-            if (ending && patience == soak_clock::time_point::max()) {
+            std::erase_if(under_way, [&](auto& one) { return has_ended(one, is_over); });
+            if (!ending) {
                 patience = soak_clock::now() + std::chrono::seconds(120);
             }
             if (soak_clock::now() > patience) {
-                ADD_FAILURE() << under_way_.size() << " sessions were never reported";
+                ADD_FAILURE() << under_way.size() << " sessions were never reported";
                 break;
             }
         }
     }
 
-    std::vector<std::unique_ptr<job>> unclosed;  // until the next start
-    std::vector<std::string> files;
-
-  private:
     std::unique_ptr<job> make_one() {
         auto one = std::make_unique<job>();
-        if (!given.peers.empty() && random_() % 4 == 0) {
-            const auto& from = given.peers[random_() % given.peers.size()];
+        if (!given.peers.empty() && random() % 4 == 0) {
+            const auto& from = given.peers[random() % given.peers.size()];
             one->expected = from.first;
-            const auto& through = given.proxies[random_() % given.proxies.size()];
+            const auto& through = given.proxies[random() % given.proxies.size()];
             proxy info(through.first, through.second);
             one->session = std::make_unique<transfer>(from.second, TAV_HTTP_METHOD_GET, &info);
         } else {
-            const transfer_row& row = transfer_rows()[random_() % transfer_rows().size()];
-            target where = row.only_file ? target::file : static_cast<target>(random_() % 4);
+            const transfer_row& row = transfer_rows()[random() % transfer_rows().size()];
+            target where = row.only_file ? target::file : static_cast<target>(random() % 4);
             bool shared = row.through == way::by_default || row.name == "cookies";
             if (shared || (row.sessions > 1 && row.serve.size() > 1)) {
                 return make_one();  // not beside others
             }
-            one->file = "out-" + std::to_string(number_) + "-" + std::to_string(next_++);
+            one->file = "out-" + std::to_string(number) + "-" + std::to_string(files.size());
             files.push_back(one->file);
-            one->run = std::make_unique<row_run>(
-                row, where, !row.whole_only && random_() % 4 == 0 ? 997 : 0, one->file);
+            std::size_t piece = !row.whole_only && random() % 4 == 0 ? 997 : 0;
+            one->run = std::make_unique<row_run>(row, where, piece, one->file);
             one->run->opened = row.sessions - 1;  // this one is the last
             one->session = one->run->open();
             one->session->set(TAV_HTTP_OPTION_NO_REUSE, 1u);
         }
         const std::int32_t priorities[] = {TAV_HTTP_PRIORITY_LOW, TAV_HTTP_PRIORITY_NORMAL,
                                            TAV_HTTP_PRIORITY_HIGH};
-        one->session->set(TAV_HTTP_OPTION_PRIORITY, priorities[random_() % 3]);
-        one->session->set(TAV_HTTP_OPTION_QUEUE_FIFO, static_cast<std::uint32_t>(random_() % 2));
-        one->end = random_() % 2 == 0 ? fate::alone : static_cast<fate>(random_() % 4);
+        one->session->set(TAV_HTTP_OPTION_PRIORITY, priorities[random() % 3]);
+        one->session->set(TAV_HTTP_OPTION_QUEUE_FIFO, static_cast<std::uint32_t>(random() % 2));
+        one->end = random() % 2 == 0 ? fate::alone : static_cast<fate>(random() % 4);
         if (one->end == fate::time_out) {
-            one->session->set(TAV_HTTP_OPTION_SESSION_TIMEOUT,
-                              static_cast<int>(random_() % 30 + 1));
+            one->session->set(TAV_HTTP_OPTION_SESSION_TIMEOUT, static_cast<int>(random() % 30 + 1));
         } else if (one->end != fate::alone) {
-            one->act_at = soak_clock::now() + std::chrono::microseconds(random_() % 30000);
+            one->act_at = soak_clock::now() + microseconds(random() % 30000);
         }
         return one;
     }
@@ -138,14 +134,14 @@ class soak_host {
     // False when the library takes nothing at present.
     bool start_one() {
         std::unique_ptr<job> one = make_one();
-        if (one->session->send() == "OK") {
-            sent++;
-            under_way_.push_back(std::move(one));
-            return true;
+        bool taken = one->session->send() == "OK";
+        (taken ? sent : refused)++;
+        if (taken) {
+            under_way.push_back(std::move(one));
+        } else {
+            end(std::move(one));
         }
-        refused++;
-        end(std::move(one));
-        return false;
+        return taken;
     }
 
     bool has_ended(std::unique_ptr<job>& one, bool is_over) {
@@ -170,14 +166,13 @@ class soak_host {
     void end(std::unique_ptr<job> one) {
         if (one->session->close() == "OK") {
             unclosed.push_back(std::move(one));
-            return;
         }
     }
 
-    const unsigned number_;
-    std::mt19937 random_;
-    unsigned next_ = 0;
-    std::vector<std::unique_ptr<job>> under_way_;
+    const unsigned number;
+    std::mt19937 random{number};
+    std::vector<std::string> files;
+    std::vector<std::unique_ptr<job>> under_way, unclosed;  // until the next start
 };
 
 // Every other round ends in the middle of everything.
@@ -188,12 +183,11 @@ void play_round(unsigned round, double duration) {
     tavHTTPSetConfig(TAV_HTTP_CONFIG_MAX_RUNNING_COUNT, 3 + round % 7);
     library lib;
     tavHTTPSetDownloadDirectory("chosen");
-    std::vector<std::unique_ptr<soak_host>> hosts;
+    std::list<soak_host> hosts;
     std::vector<std::thread> threads;
     for (unsigned i = 0; i < given.threads; i++) {
-        hosts.push_back(std::make_unique<soak_host>(given.seed * 7919 + round * 101 + i));
-        soak_host* host = hosts.back().get();
-        threads.emplace_back([host, &ending, &stopped] { host->play(ending, stopped); });
+        soak_host& host = hosts.emplace_back(given.seed * 7919 + round * 101 + i);
+        threads.emplace_back([&] { host.play(ending, stopped); });
     }
     std::this_thread::sleep_for(seconds(duration));
     if (!gently) {
@@ -209,15 +203,14 @@ void play_round(unsigned round, double duration) {
     stopping = true;
     lib.shutdown();
     lib.startup();
-    for (auto& host : hosts) {
-        for (auto& one : host->unclosed) {
+    for (soak_host& host : hosts) {
+        for (auto& one : host.unclosed) {
             EXPECT_EQ("FAIL_START_ASYNC", one->session->close()) << "after the next start";
         }
-        host->unclosed.clear();
     }
     lib.shutdown();
-    for (auto& host : hosts) {
-        for (const std::string& file : host->files) {
+    for (const soak_host& host : hosts) {
+        for (const std::string& file : host.files) {
             std::filesystem::remove(file);
         }
     }
@@ -231,28 +224,31 @@ std::size_t resident_kb() {
 }
 
 void read_arguments() {
-    const std::vector<std::string>& words = program_arguments();
-    for (std::size_t i = 1; i + 1 < words.size(); i++) {
-        if (words[i] == "--seconds") {
-            given.seconds = std::stod(words[i + 1]);
-        } else if (words[i] == "--threads") {
-            given.threads = static_cast<unsigned>(std::stoul(words[i + 1]));
-        } else if (words[i] == "--seed") {
-            given.seed = static_cast<unsigned>(std::stoul(words[i + 1]));
-        } else if (words[i] == "--peer" && i + 2 < words.size()) {
-            given.peers.emplace_back(read_file(words[i + 1]), words[i + 2]);
-        } else if (words[i] == "--proxy" && i + 2 < words.size()) {
-            given.proxies.emplace_back(std::stoul(words[i + 1]), std::stoul(words[i + 2]));
+    std::vector<std::string> words = program_arguments();
+    words.resize(words.size() + 2);
+    for (std::size_t i = 1; i + 2 < words.size(); i++) {
+        const std::string &name = words[i], &first = words[i + 1], &second = words[i + 2];
+        if (name == "--seconds") {
+            given.seconds = std::stod(first);
+        } else if (name == "--threads") {
+            given.threads = static_cast<unsigned>(std::stoul(first));
+        } else if (name == "--seed") {
+            given.seed = static_cast<unsigned>(std::stoul(first));
+        } else if (name == "--peer") {
+            given.peers.emplace_back(read_file(first), second);
+        } else if (name == "--proxy") {
+            given.proxies.emplace_back(std::stoul(first), std::stoul(second));
         }
     }
 }
 
 TEST(Soak, EverythingAtOnce) {
     read_arguments();
-    allow_assertion("_add_http_task");  // what a send or an open beside a stop may meet
-    allow_assertion("add_task_default");
-    allow_assertion("get_default_proxy_copy");
-    allow_assertion("_internal_notify_download_complete");  // the TLS engine's codes
+    // What a send or an open beside a stop may meet; and the TLS engine's codes.
+    for (const char* function : {"_add_http_task", "add_task_default", "get_default_proxy_copy",
+                                 "_internal_notify_download_complete"}) {
+        allow_assertion(function);
+    }
     work_dir dir;
     write_file("upload.bin", sample_bytes(40000));
     double duration = std::min(5.0, std::max(0.5, given.seconds / 30));
