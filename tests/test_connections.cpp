@@ -48,12 +48,11 @@ TEST(Pool, GivesTheNewestOfTheSameServerFirst) {
             EXPECT_FALSE(add_connection_to_pool(keyless)) << keyless->id;
             http_connect_close(keyless);
         }
-        EXPECT_TRUE(add_connection_to_pool(make(1)));
-        EXPECT_TRUE(add_connection_to_pool(make(2, "HOST")));
-        EXPECT_TRUE(add_connection_to_pool(make(3, "host", 81)));
-        EXPECT_TRUE(add_connection_to_pool(make(4, "host", 80, 1)));
-        EXPECT_EQ(0u, take_out("absent"));
-        EXPECT_EQ(0u, take_out(""));
+        for (http_connection* conn :
+             {make(1), make(2, "HOST"), make(3, "host", 81), make(4, "host", 80, 1)}) {
+            EXPECT_TRUE(add_connection_to_pool(conn));
+        }
+        EXPECT_EQ(0u, take_out("absent") + take_out(""));
         EXPECT_EQ(2u, take_out("host")) << "letter case does not count in a host";
         EXPECT_EQ(1u, take_out("hOST"));
         EXPECT_EQ(0u, take_out("host"));
@@ -93,66 +92,63 @@ TEST(Pool, AReuseLimitIsCountedInHandOuts) {
 }
 
 TEST(Pool, IdleConnectionsExpireAndAreSweptOnceInThirtySeconds) {
-    const char* const sweep = "_cleanup_timeout_connection, ";
+    const std::string sweep = "_cleanup_timeout_connection, ";
     library lib;
     log_capture log;
     on_loop([] {
-        ASSERT_TRUE(add_connection_to_pool(make(1)));
-        ASSERT_TRUE(add_connection_to_pool(make(2, "host", 80, 0, 2000)));
-        ASSERT_TRUE(add_connection_to_pool(make(3, "odd", 80, 0, 1000)));
-        ASSERT_TRUE(add_connection_to_pool(make(4, "even", 80, 0, 100000)));
+        for (http_connection* conn :
+             {make(1), make(2, "host", 80, 0, 2000), make(3, "odd", 80, 0, 1000),
+              make(4, "even", 80, 0, 100000)}) {
+            EXPECT_TRUE(add_connection_to_pool(conn));
+        }
     });
     advance_clock(9);
     // The newer one is past its own time; the one behind it, with 10 seconds, is not.
     on_loop([] { EXPECT_EQ(1u, take_out()); });
     EXPECT_TRUE(log.has_line("http_connect_close, id=2", 3000));
-    auto look_up_after = [&](int seconds) {
+    auto sweeps_after = [&](int seconds) {
         advance_clock(seconds);
         on_loop([] { EXPECT_EQ(0u, take_out("absent")); });
         return log.count(sweep, 2000);
     };
-    EXPECT_EQ(0u, look_up_after(20));
-    EXPECT_EQ(1u, look_up_after(2));
-    EXPECT_TRUE(log.has_line(std::string(sweep) + "clean=1, total=2, cache-hit=1/2"));
-    EXPECT_EQ(1u, look_up_after(20));
-    EXPECT_EQ(2u, look_up_after(11));
+    EXPECT_EQ(0u, sweeps_after(20));
+    EXPECT_EQ(1u, sweeps_after(2));
+    EXPECT_TRUE(log.has_line(sweep + "clean=1, total=2, cache-hit=1/2"));
+    EXPECT_EQ(1u, sweeps_after(20));
+    EXPECT_EQ(2u, sweeps_after(11));
     EXPECT_FALSE(log.has_line("http_connect_close, id=4"));
-    // A counter of 32 bits comes round to where it was.
-    EXPECT_EQ(3u, look_up_after(4294968));
+    EXPECT_EQ(3u, sweeps_after(4294968)) << "a counter of 32 bits comes round to where it was";
 }
 
 // ------------------------------------------------------------------------------ the connect race
 
-struct connect_result {
-    std::atomic<int> calls{0};
-    std::uint32_t status = 0;
-    uv_tcp_t* tcp = nullptr;
-    std::string address = "none";
-
-    // On the loop thread; the result is waited for.
-    void run(const std::string& host, std::uint16_t port, std::int32_t timeout) {
-        auto on_connected = [](std::uint32_t code, uv_tcp_t* made, const sockaddr_storage* from,
-                               void* user) {
-            auto* self = static_cast<connect_result*>(user);
-            char text[64] = "none";
-            if (from != nullptr) {
-                sockaddr_to_text(reinterpret_cast<const sockaddr*>(from), text);
-            }
-            self->status = code;
-            self->tcp = made;
-            self->address = text;
-            self->calls++;
-        };
-        on_loop([&] {
-            EXPECT_EQ(0u,
-                      uv_connect_timeout(host.c_str(), port, timeout, this, on_connected, nullptr));
-            EXPECT_EQ(0, calls) << "reported from inside the call";
-        });
-        EXPECT_TRUE(wait_until([this] { return calls == 1; }));
-        EXPECT_EQ(status == 0, tcp != nullptr);
-        on_loop([this] { close_uv_tcp(&tcp); });
-    }
-};
+// What an attempt came to: the code and the address.
+std::string connect_to(const std::string& host, std::uint16_t port, std::int32_t timeout) {
+    static std::atomic<int> calls;
+    static std::uint32_t status;
+    static uv_tcp_t* tcp;
+    static char address[64];
+    calls = 0;
+    auto on_connected = [](std::uint32_t code, uv_tcp_t* made, const sockaddr_storage* from,
+                           void*) {
+        strcpy(address, "none");
+        if (from != nullptr) {
+            sockaddr_to_text(reinterpret_cast<const sockaddr*>(from), address);
+        }
+        status = code;
+        tcp = made;
+        calls++;
+    };
+    on_loop([&] {
+        EXPECT_EQ(0u,
+                  uv_connect_timeout(host.c_str(), port, timeout, nullptr, on_connected, nullptr));
+        EXPECT_EQ(0, calls) << "reported from inside the call";
+    });
+    EXPECT_TRUE(wait_until([] { return calls == 1; }));
+    EXPECT_EQ(status == 0, tcp != nullptr);
+    on_loop([] { close_uv_tcp(&tcp); });
+    return code_name(status) + ' ' + address;
+}
 
 TEST(Connect, TriesTheFirstAddressOfEachFamily) {
     library lib;
@@ -164,22 +160,18 @@ TEST(Connect, TriesTheFirstAddressOfEachFamily) {
     const struct {
         const char* host;
         std::uint16_t port;
-        const char *code, *address;
+        const char* result;
     } rows[] = {
-        {"127.0.0.1", server4.port(), "OK", "127.0.0.1"},
-        {"both", server6.port(), "OK", "::1"},
-        {"odd-order", server4.port(), "OK", "127.0.0.1"},
-        {"::1", refusing_port(), "FAIL_CONNECT", "::1"},
-        {"first-is-dead", server4.port(), "FAIL_CONNECT", "127.0.0.2"},
-        {"nowhere", 80, "CONNECT_PROXY_HOST_NOT_FOUND", ""},
+        {"127.0.0.1", server4.port(), "OK 127.0.0.1"},
+        {"both", server6.port(), "OK ::1"},
+        {"odd-order", server4.port(), "OK 127.0.0.1"},
+        {"::1", refusing_port(), "FAIL_CONNECT ::1"},
+        {"first-is-dead", server4.port(), "FAIL_CONNECT 127.0.0.2"},
+        {"nowhere", 80, "CONNECT_PROXY_HOST_NOT_FOUND "},
     };
     for (const auto& row : rows) {
         for (std::int32_t timeout : {0, 5000}) {
-            SCOPED_TRACE(row.host);
-            connect_result result;
-            result.run(row.host, row.port, timeout);
-            EXPECT_EQ(row.code, code_name(result.status));
-            EXPECT_EQ(row.address, result.address);
+            EXPECT_EQ(row.result, connect_to(row.host, row.port, timeout)) << row.host;
         }
     }
 }
@@ -198,10 +190,7 @@ TEST(Connect, TheLoserIsCancelledBeforeTheWinnerIsReported) {
         }
         closesocket(probe);
         peer server(script{}, {.ipv6 = true, .port = port});
-        connect_result result;
-        result.run("both", port, 30000);
-        EXPECT_EQ("OK", code_name(result.status));
-        EXPECT_EQ("::1", result.address);
+        EXPECT_EQ("OK ::1", connect_to("both", port, 30000));
         break;
     }
     std::string order;
@@ -216,30 +205,21 @@ TEST(Connect, TheLoserIsCancelledBeforeTheWinnerIsReported) {
 }
 
 TEST(Connect, FailuresBeforeAnyAttemptEndAtOnceAndTimeOutsHaveASecond) {
-    const struct {
-        const char *call, *code;
-        const char* line;
-    } rows[] = {
-        {"uv_tcp_open", "FAIL_CREATE_SOCKET", "_start_connect, uv_client_tcp_init failed."},
-        {"uv_tcp_connect", "FAIL_CONNECT", "_start_connect, uv_tcp_connect failed, host=both."},
-    };
     library lib;
-    set_name("both", {"127.0.0.1", "::1"});
-    for (const auto& row : rows) {
-        log_capture log;
-        connect_result result;
-        fail_calls(row.call, 1, 2);
-        result.run("both", 80, 5000);
-        fail_nothing();
-        EXPECT_EQ(row.code, code_name(result.status));
-        EXPECT_TRUE(log.has_line(row.line, 2000));
-    }
     log_capture log;
     blackhole deaf;
-    connect_result result;
-    result.run("127.0.0.1", deaf.port, 50);
-    EXPECT_EQ("FAIL_CONNECT", code_name(result.status));
-    EXPECT_TRUE(log.has_line("timeout=1000 ms, host=127.0.0.1", 2000));
+    set_name("both", {"127.0.0.1", "::1"});
+    fail_calls("uv_tcp_open", 1, 2);
+    EXPECT_EQ("FAIL_CREATE_SOCKET 127.0.0.1", connect_to("both", 80, 5000));
+    fail_calls("uv_tcp_connect", 1, 2);
+    EXPECT_EQ("FAIL_CONNECT 127.0.0.1", connect_to("both", 80, 5000));
+    fail_nothing();
+    EXPECT_EQ("FAIL_CONNECT 127.0.0.1", connect_to("127.0.0.1", deaf.port, 50));
+    for (const char* line :
+         {"_start_connect, uv_client_tcp_init failed.",
+          "_start_connect, uv_tcp_connect failed, host=both.", "timeout=1000 ms, host=127.0.0.1"}) {
+        EXPECT_TRUE(log.has_line(line, 2000)) << line;
+    }
 }
 
 // The attempt that never began holds the result, for longer than any budget.
@@ -285,28 +265,22 @@ TEST(Connect, WhatIsClosedAtAnyStageStaysClosed) {
     library lib;
     peer silent{script{stall()}};
     blackhole deaf;
-    http_session* session =
-        tavHTTPOpen(TAV_HTTP_METHOD_GET, "http://h/", nullptr, nullptr,
-                    [](http_session*, void*, std::uint32_t) { ADD_FAILURE() << "called back"; });
-    const struct {
-        std::string url;
-        std::function<bool()> reached;
-    } rows[] = {
-        {silent.url(), [] { return true; }},
-        {"http://hang/", [] { return hanging_lookups() == 1; }},
-        {"http://127.0.0.1:" + std::to_string(deaf.port) + "/",
-         [&] { return log.has_line("conn6=(nil)"); }},
-#if TAV_HTTP_WITH_TLS
-        {silent.url("/", "https"), [&] { return silent.connection_count() >= 1; }},
-#endif
-    };
-    for (const auto& row : rows) {
+    auto never = [](http_session*, void*, std::uint32_t) { ADD_FAILURE() << "called back"; };
+    http_session* session = tavHTTPOpen(TAV_HTTP_METHOD_GET, "http://h/", nullptr, nullptr, never);
+    auto close_when = [&](const std::string& url, const std::function<bool()>& reached) {
         on_loop([&] {
-            EXPECT_EQ(0u, http_connect_start(row.url.c_str(), nullptr, session, 60000, true, false,
+            EXPECT_EQ(0u, http_connect_start(url.c_str(), nullptr, session, 60000, true, false,
                                              nullptr, 0));
         });
-        EXPECT_TRUE(wait_until(row.reached)) << row.url;
+        EXPECT_TRUE(wait_until(reached)) << url;
         on_loop([] { http_connect_close_all(); });
+    };
+    close_when(silent.url(), [] { return true; });
+    close_when("http://hang/", [] { return hanging_lookups() == 1; });
+    close_when("http://127.0.0.1:" + std::to_string(deaf.port) + "/",
+               [&] { return log.has_line("conn6=(nil)"); });
+    if (TAV_HTTP_WITH_TLS) {
+        close_when(silent.url("/", "https"), [&] { return silent.connection_count() >= 1; });
     }
     release_lookups();
     tavHTTPClose(session);
