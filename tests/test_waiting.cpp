@@ -313,6 +313,20 @@ TEST(SlowHost, LosesNoAnswerThatIsThere) {
     }
 }
 
+TEST(SlowHost, HasItsTimeOutsWholeBehindACallback) {
+    library lib;
+    peer server(script{expect_request(), stall(), send_text(response(200, "x"))});
+    transfer post(server.url(), TAV_HTTP_METHOD_POST);
+    post.set(TAV_HTTP_OPTION_IO_TIMEOUT, 20000);
+    post.set_body("bytes");
+    post.at("progress", [](transfer&) { advance_clock(60); });
+    EXPECT_EQ("OK", post.send());
+    EXPECT_TRUE(server.wait_for_requests(1));
+    EXPECT_FALSE(wait_until([&] { return post.completed(); }, milliseconds(100)));
+    server.release();
+    EXPECT_EQ("OK", post.wait());
+}
+
 // ------------------------------------------------------------------------------- single failures
 
 // The write itself begins; what it reports later is an error.

@@ -125,7 +125,9 @@ void free_block(void* block) {
 
 void advance_clock(int seconds) {
     clock_offset += seconds;
-    on_loop([] {});  // the loop sleeps by the real clock
+    if (!is_loop_thread()) {
+        on_loop([] {});  // the loop sleeps by the real clock
+    }
 }
 
 int seconds_until(const std::function<bool()>& condition) {
