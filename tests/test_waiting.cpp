@@ -55,14 +55,13 @@ TEST(HungLookup, HoldsUpNeitherAStopNorTheNextStart) {
     {
         library lib;
         peer server(always(response(200, "x")));
-        transfers all;
         for (int round = 1; round <= 3; round++) {
-            all.push_back(send_to_hanging_name(300));
+            std::unique_ptr<transfer> get = send_to_hanging_name(300);
             // With both workers that look names up taken, a third lookup is taken back unbegun.
             EXPECT_TRUE(round == 3 ? on_loop([] {}) : hangs(round));
             lib.shutdown();
-            EXPECT_EQ(1, all.back()->completions());
-            EXPECT_EQ("CANCEL", all.back()->wait());
+            EXPECT_EQ(1, get->completions());
+            EXPECT_EQ("CANCEL", get->wait());
             lib.startup();
             if (round == 1) {  // the second of the two is still free
                 transfer other(server.url());
@@ -107,44 +106,6 @@ TEST(HungLookup, LeavesWorkersForFilesAndCallbacks) {
 
 // ---------------------------------------------------------------------------------- the queue
 
-// Six sessions that wait for their server, so that every other download is queued.
-struct full_queue {
-    full_queue() {
-        for (int i = 0; i < 6; i++) {
-            running.push_back(std::make_unique<transfer>(server.url()));
-            running.back()->set(TAV_HTTP_OPTION_IO_TIMEOUT, 86400000);
-            EXPECT_EQ("OK", running.back()->send());
-        }
-        EXPECT_TRUE(server.wait_for_requests(6));
-    }
-    void expect_success() {
-        for (auto& one : running) {
-            EXPECT_EQ("OK", one->wait());
-        }
-    }
-
-    library lib;
-    peer server{script{expect_request(), stall(), send_text(response(200, "x"))}};
-    transfers running;
-};
-
-TEST(Queue, TimeOutsBeginBehindIt) {
-    full_queue full;
-    transfer queued(full.server.url());
-    for (std::uint32_t option : {TAV_HTTP_OPTION_CONNECT_TIMEOUT, TAV_HTTP_OPTION_IO_TIMEOUT,
-                                 TAV_HTTP_OPTION_SESSION_TIMEOUT}) {
-        queued.set(option, 20000);
-    }
-    EXPECT_EQ("OK", queued.send());
-    for (int i = 0; i < 10; i++) {
-        advance_clock(60);
-    }
-    EXPECT_FALSE(queued.completed());
-    full.server.release();
-    EXPECT_EQ("OK", queued.wait());
-    full.expect_success();
-}
-
 std::atomic<int> ended{0}, schedule_lines{0};
 
 void count_end(http_session*, void* user_data, std::uint32_t) {
@@ -156,34 +117,53 @@ void count_schedule_lines(std::int32_t, const char*, const char* text) {
     schedule_lines += strncmp(text, "_schedule_task:", 15) == 0 ? 1 : 0;
 }
 
-// `count` sessions wait behind six; then one after the other gets its turn. They are refused for
-// their method when they start, so that only the queue has work.
+// `count` sessions wait behind six, which wait for their server; then one after the other gets its
+// turn. They are refused for their method when they start, so that only the queue has work. One
+// more has short time-outs, which begin with its turn.
 TEST(Queue, SchedulesOncePerEndAndNeedsLittleMemory) {
     const int count = 10000;
-    full_queue full;
+    library lib;
+    peer server(script{expect_request(), stall(), send_text(response(200, "x"))});
+    transfers all;
     std::vector<http_session*> queued;
     std::vector<std::atomic<int>> ends(count);
+    for (std::int32_t timeout :
+         {86400000, 86400000, 86400000, 86400000, 86400000, 86400000, 20000}) {
+        EXPECT_TRUE(server.wait_for_requests(all.size()));
+        all.push_back(std::make_unique<transfer>(server.url()));
+        for (std::uint32_t option : {TAV_HTTP_OPTION_CONNECT_TIMEOUT, TAV_HTTP_OPTION_IO_TIMEOUT,
+                                     TAV_HTTP_OPTION_SESSION_TIMEOUT}) {
+            all.back()->set(option, timeout);
+        }
+        EXPECT_EQ("OK", all.back()->send());
+    }
     ended = schedule_lines = 0;
     tavHTTPSetLogCallback(count_schedule_lines);
     std::size_t bytes = mallinfo2().uordblks;
     for (int i = 0; i < count; i++) {
         std::atomic<int>* own = &ends[static_cast<std::size_t>(i)];
-        queued.push_back(tavHTTPOpen(9, full.server.url().c_str(), nullptr, own, count_end));
+        queued.push_back(tavHTTPOpen(9, server.url().c_str(), nullptr, own, count_end));
         tavHTTPSetOption(queued.back(), TAV_HTTP_OPTION_QUEUE_FIFO, i % 2 != 0 ? 1u : 0u);
         EXPECT_EQ(0u, tavHTTPSendRequest(queued.back()));
     }
     on_loop([] {});  // behind the last send
     EXPECT_GT(8192u * count, mallinfo2().uordblks - bytes);
     EXPECT_EQ(0, ended) << "nobody's turn yet";
-    full.server.release();
+    for (int i = 0; i < 10; i++) {
+        advance_clock(60);
+    }
+    EXPECT_FALSE(all.back()->completed());
+    server.release();
     EXPECT_TRUE(wait_until([] { return ended == count; }));
-    full.expect_success();
+    for (auto& one : all) {
+        EXPECT_EQ("OK", one->wait());
+    }
     for (std::size_t i = 0; i < queued.size(); i++) {
         EXPECT_EQ(1, ends[i]);
         tavHTTPClose(queued[i]);
     }
-    // Once for each that is added, once for each that ends, the running six included.
-    EXPECT_GE(2 * (count + 6), schedule_lines);
+    // Once for each that is added, once for each that ends, the seven included.
+    EXPECT_GE(2 * (count + 7), schedule_lines);
     watch_assertions();
 }
 
@@ -235,20 +215,10 @@ TEST(SilentServer, EveryStepHasItsTimeOut) {
         {"dripping body", drip_body.url("/", "https"), &drip_body, 0, 6, "RECV_TIMEOUT"},
 #endif
     };
-    enum {
-        step_ends,
-        session_ends,
-        cancel_ends,
-        close_ends,
-        stop_ends
-    };
     for (const auto& row : rows) {
-        for (int end : {step_ends, session_ends, cancel_ends, close_ends, stop_ends}) {
-            bool whole = end == session_ends, drips = strncmp(row.title, "drip", 4) == 0;
-            if (end == cancel_ends && !drips) {
-                continue;  // it waits for its step
-            }
-            SCOPED_TRACE(std::string(row.title) + ", end " + std::to_string(end));
+        for (const std::string end : {"step", "cancel", "session", "close", "stop"}) {
+            bool whole = end == "session", drips = strncmp(row.title, "drip", 4) == 0;
+            SCOPED_TRACE(row.title + (", end of " + end));
             log_capture log;
             proxy info(row.proxy_type, row.server != nullptr ? row.server->port() : nobody.port);
             transfer one(row.url, row.url == deaf.url() ? 2 : 1, row.proxy_type ? &info : nullptr);
@@ -264,27 +234,30 @@ TEST(SilentServer, EveryStepHasItsTimeOut) {
                             ? row.server->wait_for_requests(before + 1)
                             : log.wait_for_line(row.url == deaf.url() ? "req header, "
                                                                       : "_start_connect, ctx="));
-            if (end >= close_ends) {  // neither waits for the network
+            if (end == "close" || end == "stop") {  // neither waits for the network
                 auto begin = std::chrono::steady_clock::now();
-                if (end == close_ends) {
+                if (end == "close") {
                     EXPECT_EQ("FAIL_START_ASYNC", one.close());
                     EXPECT_TRUE(log.wait_for_line("session canceled, id="));
                 } else {
                     lib.shutdown();
+                    EXPECT_EQ(1, one.completions()) << "told before the shut-down returns";
                     EXPECT_EQ("CANCEL", one.wait());
                     lib.startup();
                 }
                 EXPECT_GT(std::chrono::seconds(5), std::chrono::steady_clock::now() - begin);
                 continue;
             }
-            if (drips && end != step_ends) {  // by the real clock: the fake one outruns the bytes
+            if (drips && end != "step") {  // by the real clock: the fake one outruns the bytes
                 EXPECT_TRUE(whole || one.cancel() == "OK");
                 EXPECT_EQ(whole ? "SESSION_TIMEOUT" : "CANCEL", one.wait());
                 continue;
             }
+            bool cancels = end == "cancel";  // which waits for the step
+            EXPECT_TRUE(!cancels || one.cancel() == "OK");
             int seconds = seconds_until([&] { return one.completed(); });
-            EXPECT_EQ(whole ? "SESSION_TIMEOUT" : row.code, one.wait());
-            EXPECT_LE(whole ? 2 : row.least, seconds);
+            EXPECT_EQ(cancels ? "CANCEL" : whole ? "SESSION_TIMEOUT" : row.code, one.wait());
+            EXPECT_LE(cancels ? 0 : whole ? 2 : row.least, seconds);
         }
     }
     deaf.release();
@@ -375,68 +348,45 @@ TEST(SingleFailure, OfThePool) {
 
 // ------------------------------------------------------------------------------- partial files
 
-// A host that downloads until it is killed.
-void download_for_ever(const std::string& url) {
+// A host that downloads until a part has been written, and is killed then.
+[[noreturn]] void download_until_killed() {
+    std::filesystem::current_path(getenv("KILLED_HOST_DIRECTORY"));
     library lib;
-    transfer get(url);
+    transfer get(getenv("KILLED_HOST_URL"));
     get.set(TAV_HTTP_OPTION_DOWNLOAD_FILE, "out.bin");
     get.send();
-    wait_until([] { return false; });
+    for (;;) {
+        for (const auto& entry : std::filesystem::directory_iterator(".")) {
+            if (entry.path() != "./out.bin" && entry.file_size() >= 100000) {
+                kill(getpid(), SIGKILL);
+            }
+        }
+    }
 }
 
 TEST(PartialFile, AKilledHostLeavesNoneUnderTheName) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    std::string reply = response(200, sample_bytes(400000));
-    for (bool old_file : {false, true}) {
-        work_dir dir;
-        std::string before = old_file ? "old" : "(none)";
-        if (old_file) {
-            write_file("out.bin", before);
-        }
-        peer server(script{expect_request(), send_text(reply.substr(0, 300000))});
-        // The child finds the server's address, and its directory, in the environment.
-        bool in_child = getenv("KILLED_HOST_URL") != nullptr;
-        if (!in_child) {
-            setenv("KILLED_HOST_URL", server.url().c_str(), 1);
-            setenv("KILLED_HOST_DIRECTORY", dir.path().c_str(), 1);
-        }
-        EXPECT_EXIT(
-            {
-                std::filesystem::current_path(getenv("KILLED_HOST_DIRECTORY"));
-                std::thread([] {
-                    wait_until([] {
-                        for (const auto& entry : std::filesystem::directory_iterator(".")) {
-                            if (entry.path() != "./out.bin" && entry.file_size() >= 100000) {
-                                return true;
-                            }
-                        }
-                        return false;
-                    });
-                    kill(getpid(), SIGKILL);
-                }).detach();
-                download_for_ever(getenv("KILLED_HOST_URL"));
-            },
-            testing::KilledBySignal(SIGKILL), "");
-        EXPECT_EQ(before, read_file("out.bin"));
-        unsetenv("KILLED_HOST_URL");
-    }
+    work_dir dir;
+    write_file("out.bin", "old");
+    peer server(
+        script{expect_request(), send_text(response(200, sample_bytes(400000)).substr(0, 300000))});
+    // The child finds the server's address, and its directory, in the environment.
+    setenv("KILLED_HOST_URL", server.url().c_str(), 0);
+    setenv("KILLED_HOST_DIRECTORY", dir.path().c_str(), 0);
+    EXPECT_EXIT(download_until_killed(), testing::KilledBySignal(SIGKILL), "");
+    EXPECT_EQ("old", read_file("out.bin"));
+    unsetenv("KILLED_HOST_URL");
+    unsetenv("KILLED_HOST_DIRECTORY");
 }
 
-// No file may grow beyond `bytes` while it lives, as on a full disk.
-struct full_disk {
-    explicit full_disk(rlim_t bytes) {
-        signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &before);
-        rlimit limit = before;
-        limit.rlim_cur = bytes;
-        EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
-    }
-    ~full_disk() {
-        EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &before));
-        signal(SIGXFSZ, SIG_DFL);
-    }
-    rlimit before = {};
-};
+// No file may grow beyond `bytes`, as on a full disk.
+rlim_t limit_files(rlim_t bytes) {
+    rlimit limit = {};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    std::swap(limit.rlim_cur, bytes);
+    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+    return bytes;
+}
 
 TEST(PartialFile, AFullDiskLeavesNone) {
     // Small bodies wait in the stream until it is closed: the failure comes at the last moment.
@@ -444,6 +394,7 @@ TEST(PartialFile, AFullDiskLeavesNone) {
         std::size_t body;
         rlim_t room;
     } rows[] = {{400000, 100000}, {400000, 399999}, {5000, 4999}};
+    signal(SIGXFSZ, SIG_IGN);
     library lib;
     for (const auto& row : rows) {
         for (bool chosen : {false, true}) {
@@ -453,15 +404,13 @@ TEST(PartialFile, AFullDiskLeavesNone) {
             ASSERT_EQ(0u, tavHTTPSetDownloadDirectory("files"));
             peer server(always(response(200, sample_bytes(row.body))));
             transfer get(server.url("/x.bin"));
+            get.set(TAV_HTTP_OPTION_DOWNLOAD_FILE, "out.bin");
             if (chosen) {
                 get.set(TAV_HTTP_OPTION_DOWNLOAD_TO_FILE, 1u);
-            } else {
-                get.set(TAV_HTTP_OPTION_DOWNLOAD_FILE, "out.bin");
             }
-            {
-                full_disk full(row.room);
-                EXPECT_EQ("FAIL_WRITE_RESPONSE_FILE", get.run());
-            }
+            rlim_t before = limit_files(row.room);
+            EXPECT_EQ("FAIL_WRITE_RESPONSE_FILE", get.run());
+            limit_files(before);
             EXPECT_EQ("old", read_file("out.bin"));
             EXPECT_EQ("out.bin", dir.names());
         }
