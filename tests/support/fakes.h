@@ -12,11 +12,10 @@
 #include "support/host.h"
 
 // Calls `first` to `first + count - 1` of the library from now on fail, counted among those of
-// `function` (empty: of all that can fail); first 0 only counts. "uv_write callback" lets the write
+// `function` (empty: of all that can fail); first 0: none. "uv_write callback" lets the write
 // begin and reports an error.
 void fail_calls(const std::string& function, long first, long count = 1);
 void fail_nothing();
-long calls_seen();        // since fail_calls
 std::string failed_at();  // the function that was made to fail last, and its callers; or empty
 
 // The monotonic clock goes on by so much more, and the loop looks at its timers.

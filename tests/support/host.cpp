@@ -198,12 +198,8 @@ void on_complete(http_session* s, void* u, std::uint32_t code) {
     note(s, u, "complete", code_name(code));
 }
 
-void on_connecting(http_session* s, void* u, const char* url) {
-    note(s, u, "connecting", url);
-}
-
-void on_connected(http_session* s, void* u, const char* address) {
-    note(s, u, "connected", address);
+template <bool connected> void on_connection(http_session* s, void* u, const char* to) {
+    note(s, u, connected ? "connected" : "connecting", to);
 }
 
 void on_redirect(http_session* s, void* u, const char* to, const char* from) {
@@ -241,8 +237,8 @@ const struct {
     std::uint32_t option;
     any_function function;
 } callbacks[] = {
-    {"connecting", TAV_HTTP_OPTION_CONNECTING_CALLBACK, (any_function)on_connecting},
-    {"connected", TAV_HTTP_OPTION_CONNECTED_CALLBACK, (any_function)on_connected},
+    {"connecting", TAV_HTTP_OPTION_CONNECTING_CALLBACK, (any_function)on_connection<false>},
+    {"connected", TAV_HTTP_OPTION_CONNECTED_CALLBACK, (any_function)on_connection<true>},
     {"redirect", TAV_HTTP_OPTION_REDIRECT_CALLBACK, (any_function)on_redirect},
     {"header", TAV_HTTP_OPTION_RESPONSE_HEADER_CALLBACK, (any_function)on_header},
     {"start", TAV_HTTP_OPTION_DOWNLOAD_START_CALLBACK, (any_function)on_start},
@@ -314,39 +310,10 @@ void transfer::at(const std::string& name, action run) {
     }
 }
 
-void transfer::set_body(const std::string& bytes) {
-    set(TAV_HTTP_OPTION_APPEND_BODY, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
-}
-
-void transfer::set_range(std::int64_t first, std::int64_t last) {
-    set(TAV_HTTP_OPTION_RANGE, first, last);
-}
-
-void transfer::keep_alive() {
-    set(TAV_HTTP_OPTION_KEEP_ALIVE, 1u, 60000, 0);
-}
-
-std::string transfer::send() {
-    return code_name(tavHTTPSendRequest(session_));
-}
-
-std::string transfer::cancel() {
-    return code_name(tavHTTPCancelRequest(session_));
-}
-
 std::string transfer::wait(milliseconds deadline) {
     std::unique_lock<std::mutex> guard(state_->mutex);
     state_->changed.wait_for(guard, deadline, [&] { return state_->completions > 0; });
     return state_->code;
-}
-
-std::string transfer::run() {
-    std::string sent = send();
-    return sent == "OK" ? wait() : "send: " + sent;
-}
-
-bool transfer::completed() const {
-    return completions() > 0;
 }
 
 int transfer::completions() const {
@@ -383,17 +350,9 @@ std::string transfer::detail(const std::string& name) const {
     return "(none)";
 }
 
-bool transfer::wait_for_event(const std::string& name) {
-    return wait_until([&] { return event_count(name) > 0; });
-}
-
 std::string transfer::data() const {
     std::lock_guard<std::mutex> guard(state_->mutex);
     return state_->data;
-}
-
-std::uint32_t transfer::status() const {
-    return static_cast<std::uint32_t>(number(TAV_HTTP_QUERY_STATUS_CODE));
 }
 
 std::string transfer::body() const {
@@ -407,12 +366,6 @@ std::string transfer::text(std::uint32_t query) const {
     const char* value = nullptr;
     tavHTTPQueryInfo(session_, query, &value, nullptr, nullptr);
     return value != nullptr ? value : "";
-}
-
-std::int64_t transfer::number(std::uint32_t query) const {
-    std::int64_t value = 0;
-    tavHTTPQueryInfo(session_, query, &value, nullptr, nullptr);
-    return value;
 }
 
 std::string transfer::header(const std::string& name) const {
@@ -439,7 +392,10 @@ std::string transfer::address() const {
 
 work_dir::work_dir() : previous_(fs::current_path().string()) {
     static std::mt19937 random{std::random_device{}()};
-    path_ = (fs::temp_directory_path() / ("tavhttp-test-" + std::to_string(random()))).string();
+    // In memory where there is one: the tests make thousands of small files.
+    const fs::path memory = "/dev/shm";
+    fs::path parent = fs::exists(memory) ? memory : fs::temp_directory_path();
+    path_ = (parent / ("tavhttp-test-" + std::to_string(random()))).string();
     EXPECT_TRUE(fs::create_directory(path_)) << path_;
     fs::current_path(path_);
 }
@@ -487,7 +443,7 @@ std::string sample_bytes(std::size_t size) {
     return bytes;
 }
 
-static std::string zlib_encode(const std::string& bytes, int window_bits) {
+std::string zlib_encode(const std::string& bytes, int window_bits) {
     z_stream stream = {};
     EXPECT_EQ(Z_OK, deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, window_bits, 8,
                                  Z_DEFAULT_STRATEGY));
@@ -500,18 +456,6 @@ static std::string zlib_encode(const std::string& bytes, int window_bits) {
     out.resize(stream.total_out);
     deflateEnd(&stream);
     return out;
-}
-
-std::string gzip_bytes(const std::string& bytes) {
-    return zlib_encode(bytes, 15 + 16);
-}
-
-std::string deflate_bytes(const std::string& bytes) {
-    return zlib_encode(bytes, 15);
-}
-
-std::string raw_deflate_bytes(const std::string& bytes) {
-    return zlib_encode(bytes, -15);
 }
 
 std::string md5_hex(const std::string& bytes) {

@@ -121,9 +121,15 @@ class transfer : not_copied {
         return code;
     }
     std::uint32_t refused = 0;  // code of the last option that was refused
-    void set_body(const std::string& bytes);
-    void set_range(std::int64_t first, std::int64_t last);
-    void keep_alive();  // keeps the connection whatever the server says
+    void set_body(const std::string& bytes) {
+        set(TAV_HTTP_OPTION_APPEND_BODY, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+    }
+    void set_range(std::int64_t first, std::int64_t last) {
+        set(TAV_HTTP_OPTION_RANGE, first, last);
+    }
+    void keep_alive() {  // keeps the connection whatever the server says
+        set(TAV_HTTP_OPTION_KEEP_ALIVE, 1u, 60000, 0);
+    }
 
     // Installs the recording callbacks: all but the data callback, which keeps the body out of
     // memory and has its own function.
@@ -132,26 +138,40 @@ class transfer : not_copied {
     // Runs inside the named callback, after it was recorded. Installs that callback.
     void at(const std::string& name, action run);
 
-    std::string send();
-    std::string cancel();
+    std::string send() {
+        return code_name(tavHTTPSendRequest(session_));
+    }
+    std::string cancel() {
+        return code_name(tavHTTPCancelRequest(session_));
+    }
     std::string close();  // once; later calls give INVALID_ARG
     std::string wait(milliseconds deadline = default_deadline);  // the completion's code
-    std::string run();                                           // send() and wait()
-    bool completed() const;
+    std::string run() {
+        std::string sent = send();
+        return sent == "OK" ? wait() : "send: " + sent;
+    }
+    bool completed() const {
+        return completions() > 0;
+    }
     int completions() const;
 
     std::vector<event> events() const;
     std::string event_names() const;  // joined with blanks; runs of one name are named once
     std::size_t event_count(const std::string& name) const;
     std::string detail(const std::string& name) const;  // of the first such event
-    bool wait_for_event(const std::string& name);
+    bool wait_for_event(const std::string& name) {
+        return wait_until([&] { return event_count(name) > 0; });
+    }
     std::string data() const;  // the bytes of the data callbacks, in order
 
     // The queries.
-    std::uint32_t status() const;
     std::string body() const;
     std::string text(std::uint32_t query) const;  // of a query that gives a pointer; null is empty
-    std::int64_t number(std::uint32_t query) const;
+    std::int64_t number(std::uint32_t query) const {
+        std::int64_t value = 0;
+        tavHTTPQueryInfo(session_, query, &value, nullptr, nullptr);
+        return value;
+    }
     std::string header(const std::string& name) const;
     std::string md5() const;  // hexadecimal
     std::string address() const;
@@ -184,9 +204,16 @@ std::string read_file(const std::string& path);  // "(none)" when there is none
 // `size` bytes without a pattern that repeats at a power of two.
 std::string sample_bytes(std::size_t size);
 
-std::string gzip_bytes(const std::string& bytes);
-std::string deflate_bytes(const std::string& bytes);      // zlib format
-std::string raw_deflate_bytes(const std::string& bytes);  // without header and checksum
+std::string zlib_encode(const std::string& bytes, int window_bits);
+inline std::string gzip_bytes(const std::string& bytes) {
+    return zlib_encode(bytes, 15 + 16);
+}
+inline std::string deflate_bytes(const std::string& bytes) {  // zlib format
+    return zlib_encode(bytes, 15);
+}
+inline std::string raw_deflate_bytes(const std::string& bytes) {  // without header and checksum
+    return zlib_encode(bytes, -15);
+}
 std::string md5_hex(const std::string& bytes);
 
 #endif

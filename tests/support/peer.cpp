@@ -21,30 +21,21 @@ void require(bool ok, const char* what) {
     }
 }
 
-void set_option(SOCKET sock, int level, int name, int value) {
+template <typename type> void set_option(SOCKET sock, int level, int name, type value) {
     setsockopt(sock, level, name, reinterpret_cast<const char*>(&value), sizeof value);
 }
 
-// The end of the line that begins at `at`, and the value of the header when it is the one.
-bool header_at(const std::string& head, std::size_t at, const std::string& name,
-               std::string* value) {
-    if (head.size() < at + name.size() + 1 || head[at + name.size()] != ':' ||
-        _strnicmp(head.c_str() + at, name.c_str(), name.size()) != 0) {
-        return false;
-    }
-    std::size_t first = head.find_first_not_of(" \t", at + name.size() + 1);
-    *value = head.substr(first, head.find("\r\n", first) - first);
-    return true;
-}
-
 bool find_header(const std::string& head, const std::string& name, std::string* value) {
-    std::size_t end = head.find("\r\n\r\n");
-    for (std::size_t at = head.find("\r\n"); at < end; at = head.find("\r\n", at + 2)) {
-        if (header_at(head, at + 2, name, value)) {
-            return true;
-        }
+    std::string start = "\r\n" + name + ":";
+    std::size_t end = head.find("\r\n\r\n"), at = head.find("\r\n");
+    while (at < end && _strnicmp(head.c_str() + at, start.c_str(), start.size()) != 0) {
+        at = head.find("\r\n", at + 2);
     }
-    return false;
+    if (at < end) {
+        std::size_t first = head.find_first_not_of(" \t", at + start.size());
+        *value = head.substr(first, head.find("\r\n", first) - first);
+    }
+    return at < end;
 }
 
 // One key serves all certificates of a test program.
@@ -91,22 +82,13 @@ bool wait_until(const std::function<bool()>& condition, milliseconds deadline) {
     return true;
 }
 
-std::string received_request::header(const std::string& name) const {
-    std::string value;
+std::string received_request::header(const std::string& name, const char* missing) const {
+    std::string value = missing;
     find_header(raw, name, &value);
     return value;
 }
 
-bool received_request::has_header(const std::string& name) const {
-    std::string value;
-    return find_header(raw, name, &value);
-}
-
 // ------------------------------------------------------------------------------- one connection
-
-wire::wire(peer& peer_of, SOCKET sock, int number)
-    : owner(peer_of), index(number), piece(peer_of.options_.piece), sock_(sock) {
-}
 
 wire::~wire() {
     SSL_free(ssl_);
@@ -283,13 +265,8 @@ bool wire::wait_for_close() {
     return true;
 }
 
-void wire::half_close() {
-    shutdown(sock_, 1);
-}
-
 void wire::reset() {
-    linger off = {1, 0};
-    setsockopt(sock_, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&off), sizeof off);
+    set_option(sock_, SOL_SOCKET, SO_LINGER, linger{1, 0});
 }
 
 // ------------------------------------------------------------------------------------- the steps
@@ -297,11 +274,7 @@ void wire::reset() {
 step expect_request() {
     return [](wire& w) {
         received_request request;
-        bool ok = w.read_request(&request);
-        if (ok) {
-            w.owner.record(request);
-        }
-        return ok;
+        return w.read_request(&request) && w.owner.record(request);
     };
 }
 
@@ -309,11 +282,7 @@ step read_bytes(std::size_t count) {
     return [count](wire& w) {
         received_request request;
         request.connection = w.index;
-        bool ok = w.read(count, &request.raw);
-        if (ok) {
-            w.owner.record(request);
-        }
-        return ok;
+        return w.read(count, &request.raw) && w.owner.record(request);
     };
 }
 
@@ -321,32 +290,11 @@ step send_text(const std::string& bytes) {
     return [bytes](wire& w) { return w.write(bytes); };
 }
 
-step stall() {
-    return [](wire& w) { return w.wait_for_release(); };
-}
-
-step reset() {
-    return [](wire& w) { return w.reset(), false; };
-}
-
-step half_close() {
-    return [](wire& w) { return w.half_close(), true; };
-}
-
-step close_now() {
-    return [](wire&) { return false; };
-}
-
-step tls() {
-    return [](wire& w) { return w.start_tls(); };
-}
-
 step answer_all(request_handler handler) {
     return [handler = std::move(handler)](wire& w) {
         received_request request;
         std::string connection;
-        while (w.read_request(&request)) {
-            w.owner.record(request);
+        while (w.read_request(&request) && w.owner.record(request)) {
             std::string answer = handler(request);
             if (!w.write(answer) || (find_header(answer, "Connection", &connection) &&
                                      _stricmp(connection.c_str(), "close") == 0)) {
@@ -378,18 +326,6 @@ std::string chunked_response(int status, const std::string& body, std::size_t ch
         text += size + piece + "\r\n";
     }
     return text + "0\r\n\r\n";
-}
-
-script reply_with(const std::string& bytes) {
-    return {expect_request(), send_text(bytes)};
-}
-
-script reply_and_close(const std::string& bytes) {
-    return {expect_request(), send_text(bytes), half_close()};
-}
-
-request_handler always(const std::string& answer) {
-    return [answer](const received_request&) { return answer; };
 }
 
 // -------------------------------------------------------------------------------------- the peer
@@ -431,18 +367,6 @@ peer::peer(std::vector<script> scripts, peer_options options)
     }
     require(listen(listener_, 512) == 0, "cannot listen");
     thread_ = std::thread([this] { accept_all(); });
-}
-
-peer::peer(script every_connection, peer_options options)
-    : peer(std::vector<script>{std::move(every_connection)}, std::move(options)) {
-}
-
-peer::peer(step every_connection, peer_options options)
-    : peer(script{std::move(every_connection)}, std::move(options)) {
-}
-
-peer::peer(request_handler handler, peer_options options)
-    : peer(answer_all(std::move(handler)), std::move(options)) {
 }
 
 peer::~peer() {
@@ -520,7 +444,7 @@ void peer::serve(connection& self, SOCKET sock, int index) {
     platform_ignore_broken_pipe();
     set_option(sock, IPPROTO_TCP, 1 /* TCP_NODELAY */, 1);
     {
-        wire now(*this, sock, index);
+        wire now(*this, sock, index, options_.piece);
         bool open = true;
         {
             std::lock_guard<std::mutex> guard(mutex_);
@@ -549,11 +473,11 @@ void peer::release() {
     changed_.notify_all();
 }
 
-void peer::record(const received_request& request) {
+bool peer::record(const received_request& request) {
     std::lock_guard<std::mutex> guard(mutex_);
     requests_.push_back(request);
-    request_total_++;
     changed_.notify_all();
+    return true;
 }
 
 std::vector<received_request> peer::requests() const {
@@ -566,29 +490,13 @@ received_request peer::request(std::size_t index) const {
     return index < requests_.size() ? requests_[index] : received_request();
 }
 
-std::size_t peer::request_count() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return request_total_;
-}
-
 std::size_t peer::connection_count() const {
     std::lock_guard<std::mutex> guard(mutex_);
     return connection_total_;
 }
 
-bool peer::wait_for(const std::size_t& counter, std::size_t count, milliseconds deadline) {
+bool peer::wait_for(const std::function<std::size_t()>& counter, std::size_t count,
+                    milliseconds deadline) {
     std::unique_lock<std::mutex> guard(mutex_);
-    return changed_.wait_for(guard, deadline, [&] { return counter >= count; });
-}
-
-bool peer::wait_for_requests(std::size_t count, milliseconds deadline) {
-    return wait_for(request_total_, count, deadline);
-}
-
-bool peer::wait_for_connections(std::size_t count, milliseconds deadline) {
-    return wait_for(connection_total_, count, deadline);
-}
-
-bool peer::wait_for_disconnects(std::size_t count, milliseconds deadline) {
-    return wait_for(disconnect_total_, count, deadline);
+    return changed_.wait_for(guard, deadline, [&] { return counter() >= count; });
 }

@@ -47,9 +47,11 @@ struct received_request {
     std::string method, target;
     std::string body;
 
-    // The first value of a header, letter case ignored; empty when there is none.
-    std::string header(const std::string& name) const;
-    bool has_header(const std::string& name) const;
+    // The first value of a header, letter case ignored.
+    std::string header(const std::string& name, const char* missing = "") const;
+    bool has_header(const std::string& name) const {
+        return header(name, "\n") != "\n";
+    }
 };
 
 class peer;
@@ -58,7 +60,9 @@ class peer;
 // protocol, or that the peer is ending.
 class wire : not_copied {
   public:
-    wire(peer& owner, SOCKET sock, int index);
+    wire(peer& peer_of, SOCKET sock, int number, std::size_t pieces)
+        : owner(peer_of), index(number), piece(pieces), sock_(sock) {
+    }
     ~wire();
 
     // Through TLS once start_tls() has been called.
@@ -82,8 +86,10 @@ class wire : not_copied {
 
     bool wait_for_release();  // reads nothing meanwhile
     bool wait_for_close();    // drops what arrives
-    void half_close();        // ends the sending direction
-    void reset();             // the close at the end will be a reset
+    void half_close() {       // ends the sending direction
+        shutdown(sock_, 1);
+    }
+    void reset();  // the close at the end will be a reset
 
     peer& owner;
     const int index;
@@ -107,11 +113,21 @@ using script = std::vector<step>;
 step expect_request();               // recorded
 step read_bytes(std::size_t count);  // recorded as a request whose raw text they are
 step send_text(const std::string& bytes);
-step stall();  // go on when release() is called
-step reset();
-step half_close();
-step close_now();
-step tls();
+inline step stall() {  // go on when release() is called
+    return &wire::wait_for_release;
+}
+inline step reset() {
+    return [](wire& w) { return w.reset(), false; };
+}
+inline step half_close() {
+    return [](wire& w) { return w.half_close(), true; };
+}
+inline step close_now() {
+    return [](wire&) { return false; };
+}
+inline step tls() {
+    return &wire::start_tls;
+}
 // Answers any number of requests. A response that says "Connection: close" is followed by a close.
 using request_handler = std::function<std::string(const received_request&)>;
 step answer_all(request_handler handler);
@@ -125,9 +141,15 @@ std::string chunked_response(int status, const std::string& body, std::size_t ch
                              const std::string& headers = "");
 
 // One request and its answer, and the same with an end of the sending direction behind it.
-script reply_with(const std::string& bytes);
-script reply_and_close(const std::string& bytes);
-request_handler always(const std::string& answer);
+inline script reply_with(const std::string& bytes) {
+    return {expect_request(), send_text(bytes)};
+}
+inline script reply_and_close(const std::string& bytes) {
+    return {expect_request(), send_text(bytes), half_close()};
+}
+inline request_handler always(const std::string& answer) {
+    return [answer](const received_request&) { return answer; };
+}
 
 struct peer_options {
     std::size_t piece = 0;   // see wire
@@ -144,9 +166,15 @@ struct peer_options {
 class peer : not_copied {
   public:
     explicit peer(std::vector<script> scripts, peer_options options = {});
-    explicit peer(script every_connection, peer_options options = {});
-    explicit peer(step every_connection, peer_options options = {});
-    explicit peer(request_handler handler, peer_options options = {});
+    explicit peer(script every_connection, const peer_options& options = {})
+        : peer(std::vector<script>{std::move(every_connection)}, options) {
+    }
+    explicit peer(step every_connection, const peer_options& options = {})
+        : peer(script{std::move(every_connection)}, options) {
+    }
+    explicit peer(request_handler handler, const peer_options& options = {})
+        : peer(answer_all(std::move(handler)), options) {
+    }
     ~peer();
 
     std::uint16_t port() const {
@@ -156,18 +184,26 @@ class peer : not_copied {
     std::string url(const std::string& path = "/", const std::string& scheme = "http") const;
 
     void release();  // lets every stall go on, those that are reached later included
-    void record(const received_request& request);
+    bool record(const received_request& request);  // true
 
     std::vector<received_request> requests() const;
     received_request request(std::size_t index) const;  // empty when there are fewer
-    std::size_t request_count() const;
+    std::size_t request_count() const {
+        return requests().size();
+    }
     std::size_t connection_count() const;
     SSL_CTX* tls_context();
 
     // True when at least `count` of them have been seen before the deadline.
-    bool wait_for_requests(std::size_t count, milliseconds deadline = default_deadline);
-    bool wait_for_connections(std::size_t count, milliseconds deadline = default_deadline);
-    bool wait_for_disconnects(std::size_t count, milliseconds deadline = default_deadline);
+    bool wait_for_requests(std::size_t count, milliseconds deadline = default_deadline) {
+        return wait_for([this] { return requests_.size(); }, count, deadline);
+    }
+    bool wait_for_connections(std::size_t count) {
+        return wait_for([this] { return connection_total_; }, count, default_deadline);
+    }
+    bool wait_for_disconnects(std::size_t count, milliseconds deadline = default_deadline) {
+        return wait_for([this] { return disconnect_total_; }, count, deadline);
+    }
 
   private:
     friend class wire;
@@ -177,7 +213,8 @@ class peer : not_copied {
     };
     void accept_all();
     void serve(connection& self, SOCKET sock, int index);
-    bool wait_for(const std::size_t& counter, std::size_t count, milliseconds deadline);
+    bool wait_for(const std::function<std::size_t()>& counter, std::size_t count,
+                  milliseconds deadline);
 
     const std::vector<script> scripts_;
     const peer_options options_;
@@ -192,7 +229,7 @@ class peer : not_copied {
     SSL_CTX* context_ = nullptr;
     std::list<wire*> open_;
     std::vector<received_request> requests_;
-    std::size_t request_total_ = 0, connection_total_ = 0, disconnect_total_ = 0;
+    std::size_t connection_total_ = 0, disconnect_total_ = 0;
 };
 
 // A bound socket on a loopback port, which is stored in `port`; INVALID_SOCKET when the port that

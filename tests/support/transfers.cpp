@@ -122,7 +122,9 @@ void set_multipart(transfer& one) {
     one.set(TAV_HTTP_OPTION_ADD_FORM_DATA, "data", "a\0b", 3, "d.bin");
 }
 
-std::vector<transfer_row> make_downloads() {
+using row = transfer_row;
+
+std::vector<row> make_downloads() {
     const std::string big = sample_bytes(150000), text(200000, 'g'), plain = "the body";
     const std::string gzip = "Content-Encoding: gzip\r\n";
     const std::string deflate = "Content-Encoding: deflate\r\n";
@@ -131,66 +133,54 @@ std::vector<transfer_row> make_downloads() {
     damaged = response(200, damaged, gzip);
     const std::string cut = response(200, big).substr(0, 120000);
     return {
-        {"head in full",
-         response(200, plain, "ETag: \"e\"\r\nContent-Type: a/b\r\n"),
-         plain,
-         {.head = "GET /dir/name.ext?q=1 HTTP/1.1\r\nHost: 127.0.0.1\r\nAccept: */*\r\n"
-                  "User-Agent: Mozilla/4.0 (compatible; MSIE 6.0; Windows NT 5.1)\r\n"
-                  "Connection: Keep-Alive\r\nCache-Control: no-cache\r\n"
-                  "Accept-Encoding: gzip, deflate\r\n\r\n"}},
-        {"options of the head",
-         response(200, plain,
-                  "Date: Sun, 06 Nov 1994 08:49:37 GMT\r\n"
-                  "Last-Modified: Sun, 06-Nov-1994 08:49:37\r\n"),
-         plain,
-         {.set = set_text_options,
-          .head = "Host: named.test\r\nAccept: text/plain\r\nUser-Agent: agent\r\n"
-                  "Connection: Close\r\nCache-Control: max-age=0\r\n"
-                  "Accept-Encoding: gzip, deflate\r\n"
-                  "If-Modified-Since: Sun, 06 Nov 1994 08:49:37 GMT\r\n"
-                  "If-None-Match: \"tag\"\r\nCookie: a=1; b=2\r\nX-Own: value 7\r\n\r\n"}},
-        {"empty", response(200, ""), ""},
-        {"chunks and a trailer",
-         ok + chunked + "\r\n3;x=1\r\nabc\r\n2\r\nde\r\n0\r\nX-Sum: 1\r\n\r\n", "abcde"},
-        {"many chunks", chunked_response(206, big, 5000), big},
-        {"until the close", {reply_and_close(ok + "\r\n" + big)}, big},
-        {"version 1.0", {reply_and_close("HTTP/1.0 200\r\n\r\nold")}, "old"},
-        {"gzip", response(200, gzip_bytes(text), gzip), text},
-        {"gzip, small, garbage behind it",
-         response(200, gzip_bytes(plain) + "garbage", gzip),
-         plain,
-         {.whole_only = true}},
-        {"deflate of zlib", response(200, deflate_bytes(big), "Content-Encoding: DEFLATE\r\n"),
-         big},
-        {"raw deflate", response(200, raw_deflate_bytes(text), deflate), text},
-        {"unknown encoding", response(200, plain, "Content-Encoding: x-gzip\r\n"), plain},
-        {"damaged gzip", damaged, "", {.code = "FAIL_PARSE_RESPONSE", .whole_only = true}},
-        {"damaged gzip, kept",
-         damaged,
-         damaged.substr(damaged.find("\r\n\r\n") + 4),
-         {.set = with(TAV_HTTP_OPTION_KEEP_UNDECODED_BODY, 1u, 0u), .whole_only = true}},
-        {"error status", response(404, "gone"), "gone", {.code = "SVR_RETURN_ERROR"}},
-        {"not modified", "HTTP/1.1 304 Same\r\n" + keep + "\r\n", "", {.code = "NOT_MODIFIED"}},
-        {"cut short", {reply_and_close(cut)}, "", {.code = "FAIL_RECV", .connections = 2}},
-        {"reset in the body", reply_and_reset(cut), "", {.code = "FAIL_RECV"}},
-        {"cut short once", {reply_and_close(cut), reply_with(response(200, big))}, big},
-        {"bad chunk",
-         ok + chunked + "\r\n5\r\nhello\r\nxyz\r\n",
-         "",
-         {.code = "FAIL_PARSE_RESPONSE"}},
-        {"HEAD",
-         ok + "Content-Length: 9\r\n\r\n",
-         "",
-         {.method = TAV_HTTP_METHOD_HEAD, .head = "HEAD /dir/name.ext?q=1 HTTP/1.1\r\n"}},
-        {"OPTIONS",
-         response(200, "said"),
-         "said",
-         {.method = TAV_HTTP_METHOD_OPTIONS, .head = "OPTIONS /dir/name.ext?q=1 HTTP/1.1\r\n"}},
+        row("head in full", response(200, plain, "ETag: \"e\"\r\nContent-Type: a/b\r\n"), plain,
+            {.head = "GET /dir/name.ext?q=1 HTTP/1.1\r\nHost: 127.0.0.1\r\nAccept: */*\r\n"
+                     "User-Agent: Mozilla/4.0 (compatible; MSIE 6.0; Windows NT 5.1)\r\n"
+                     "Connection: Keep-Alive\r\nCache-Control: no-cache\r\n"
+                     "Accept-Encoding: gzip, deflate\r\n\r\n"}),
+        row("options of the head",
+            response(200, plain,
+                     "Date: Sun, 06 Nov 1994 08:49:37 GMT\r\n"
+                     "Last-Modified: Sun, 06-Nov-1994 08:49:37\r\n"),
+            plain,
+            {.set = set_text_options,
+             .head = "Host: named.test\r\nAccept: text/plain\r\nUser-Agent: agent\r\n"
+                     "Connection: Close\r\nCache-Control: max-age=0\r\n"
+                     "Accept-Encoding: gzip, deflate\r\n"
+                     "If-Modified-Since: Sun, 06 Nov 1994 08:49:37 GMT\r\n"
+                     "If-None-Match: \"tag\"\r\nCookie: a=1; b=2\r\nX-Own: value 7\r\n\r\n"}),
+        row("empty", response(200, ""), ""),
+        row("chunks and a trailer",
+            ok + chunked + "\r\n3;x=1\r\nabc\r\n2\r\nde\r\n0\r\nX-Sum: 1\r\n\r\n", "abcde"),
+        row("many chunks", chunked_response(206, big, 5000), big),
+        row("until the close", {reply_and_close(ok + "\r\n" + big)}, big),
+        row("version 1.0", {reply_and_close("HTTP/1.0 200\r\n\r\nold")}, "old"),
+        row("gzip", response(200, gzip_bytes(text), gzip), text),
+        row("gzip, small, garbage behind it", response(200, gzip_bytes(plain) + "garbage", gzip),
+            plain, {.whole_only = true}),
+        row("deflate of zlib", response(200, deflate_bytes(big), "Content-Encoding: DEFLATE\r\n"),
+            big),
+        row("raw deflate", response(200, raw_deflate_bytes(text), deflate), text),
+        row("unknown encoding", response(200, plain, "Content-Encoding: x-gzip\r\n"), plain),
+        row("damaged gzip", damaged, "", {.code = "FAIL_PARSE_RESPONSE", .whole_only = true}),
+        row("damaged gzip, kept", damaged, damaged.substr(damaged.find("\r\n\r\n") + 4),
+            {.set = with(TAV_HTTP_OPTION_KEEP_UNDECODED_BODY, 1u, 0u), .whole_only = true}),
+        row("error status", response(404, "gone"), "gone", {.code = "SVR_RETURN_ERROR"}),
+        row("not modified", "HTTP/1.1 304 Same\r\n" + keep + "\r\n", "", {.code = "NOT_MODIFIED"}),
+        row("cut short", {reply_and_close(cut)}, "", {.code = "FAIL_RECV", .connections = 2}),
+        row("reset in the body", reply_and_reset(cut), "", {.code = "FAIL_RECV"}),
+        row("cut short once", {reply_and_close(cut), reply_with(response(200, big))}, big),
+        row("bad chunk", ok + chunked + "\r\n5\r\nhello\r\nxyz\r\n", "",
+            {.code = "FAIL_PARSE_RESPONSE"}),
+        row("HEAD", ok + "Content-Length: 9\r\n\r\n", "",
+            {.method = TAV_HTTP_METHOD_HEAD, .head = "HEAD /dir/name.ext?q=1 HTTP/1.1\r\n"}),
+        row("OPTIONS", response(200, "said"), "said",
+            {.method = TAV_HTTP_METHOD_OPTIONS, .head = "OPTIONS /dir/name.ext?q=1 HTTP/1.1\r\n"}),
     };
 }
 
 // Those with a file from the start, or in which a part stays.
-std::vector<transfer_row> make_files() {
+std::vector<row> make_files() {
     const std::string bytes = sample_bytes(100000), part = bytes.substr(0, 40000);
     const std::string rest = response(206, bytes.substr(40000));
     const std::string identity = "Accept-Encoding: identity\r\nRange: bytes=";
@@ -199,134 +189,104 @@ std::vector<transfer_row> make_files() {
         return request.has_header("Range") ? response(416, "no") : response(200, "whole");
     });
     return {
-        {"over an old file", response(200, bytes), bytes, {.before = "old"}},
-        {"over an old file, cut short",
-         reply_and_reset(rest.substr(0, 50000)),
-         "",
-         {.code = "FAIL_RECV", .before = "old"}},
-        {"resumed",
-         {reply_to_range("40000-", rest)},
-         bytes.substr(40000),
-         {.set = resume, .head = identity + "40000-\r\n", .before = part, .after = bytes}},
-        {"resumed, cut short",
-         {reply_to_range("40000-", rest.substr(0, 50000)) + script{reset()}},
-         "",
-         {.code = "FAIL_RECV", .set = resume, .before = part, .after = bytes}},
-        {"resumed from nothing, cut short",
-         reply_and_reset(response(200, bytes).substr(0, 50000)),
-         "",
-         {.code = "FAIL_RECV", .set = resume, .after = bytes}},
-        {"resumed where it broke",
-         {reply_to_range("40000-", rest.substr(0, rest.size() - 30000)) + script{half_close()},
-          reply_to_range("70000-", response(206, bytes.substr(70000)))},
-         bytes.substr(70000),
-         {.set = resume, .head = "Range: bytes=70000-\r\n", .before = part, .after = bytes}},
-        {"finished already",
-         {script{unranged}},
-         "whole",
-         {.set = resume, .before = "too long already", .after = "whole", .connections = 2}},
-        {"range in place",
-         {reply_to_range("3-7", response(206, "BYTES"))},
-         "BYTES",
-         {.set = with(TAV_HTTP_OPTION_RANGE, std::int64_t{3}, std::int64_t{7}),
-          .head = identity + "3-7\r\n",
-          .before = "0123456789",
-          .after = "012BYTES89"}},
+        row("over an old file", response(200, bytes), bytes, {.before = "old"}),
+        row("over an old file, cut short", reply_and_reset(rest.substr(0, 50000)), "",
+            {.code = "FAIL_RECV", .before = "old"}),
+        row("resumed", {reply_to_range("40000-", rest)}, bytes.substr(40000),
+            {.set = resume, .head = identity + "40000-\r\n", .before = part, .after = bytes}),
+        row("resumed, cut short",
+            {reply_to_range("40000-", rest.substr(0, 50000)) + script{reset()}}, "",
+            {.code = "FAIL_RECV", .set = resume, .before = part, .after = bytes}),
+        row("resumed from nothing, cut short",
+            reply_and_reset(response(200, bytes).substr(0, 50000)), "",
+            {.code = "FAIL_RECV", .set = resume, .after = bytes}),
+        row("resumed where it broke",
+            {reply_to_range("40000-", rest.substr(0, rest.size() - 30000)) + script{half_close()},
+             reply_to_range("70000-", response(206, bytes.substr(70000)))},
+            bytes.substr(70000),
+            {.set = resume, .head = "Range: bytes=70000-\r\n", .before = part, .after = bytes}),
+        row("finished already", {script{unranged}}, "whole",
+            {.set = resume, .before = "too long already", .after = "whole", .connections = 2}),
+        row("range in place", {reply_to_range("3-7", response(206, "BYTES"))}, "BYTES",
+            {.set = with(TAV_HTTP_OPTION_RANGE, std::int64_t{3}, std::int64_t{7}),
+             .head = identity + "3-7\r\n",
+             .before = "0123456789",
+             .after = "012BYTES89"}),
     };
 }
 
-std::vector<transfer_row> make_uploads() {
+std::vector<row> make_uploads() {
     const std::string bytes = sample_bytes(40000), said = response(200, "complete");
     const std::string field = "--@\r\nContent-Disposition: form-data; name=\"field\"\r\n\r\n";
     const std::uint32_t post = TAV_HTTP_METHOD_POST;
     return {
-        {"POST bytes",
-         said,
-         "complete",
-         {.method = post,
-          .set = [bytes](transfer& one) { one.set_body(bytes); },
-          .head = "Content-Type: application/octet-stream\r\nContent-Length: 40000\r\n",
-          .upload = bytes}},
-        {"POST a file, after a redirect",
-         answers({moved(307, "/to"), said}),
-         "complete",
-         {.method = post,
-          .set = with(TAV_HTTP_OPTION_UPLOAD_FILE, "upload.bin"),
-          .head = "POST /to HTTP/1.1\r\n",
-          .upload = bytes}},
-        {"POST a form",
-         said,
-         "complete",
-         {.method = post,
-          .set =
-              [](transfer& one) {
-                  one.set(TAV_HTTP_OPTION_ADD_FORM_FIELD, "a b", "%s&%d", "x=y", 7);
-                  one.set(TAV_HTTP_OPTION_ADD_FORM_FIELD, "b", "x");
-              },
-          .head = "Content-Type: application/x-www-form-urlencoded; charset=UTF-8\r\n",
-          .upload = "a%20b=x%3Dy%267&b=x"}},
-        {"POST a multipart form",
-         said,
-         "complete",
-         {.method = post,
-          .set = set_multipart,
-          .head = "Content-Type: multipart/form-data; boundary=tav",
-          .upload = field + "value\r\n" + form_file("file", "upload.bin", bytes) +
-                    form_file("none", "unnamed", "") +
-                    form_file("data", "d.bin", bytes_of("a\0b")) + "--@--\r\n"}},
+        row("POST bytes", said, "complete",
+            {.method = post,
+             .set = [bytes](transfer& one) { one.set_body(bytes); },
+             .head = "Content-Type: application/octet-stream\r\nContent-Length: 40000\r\n",
+             .upload = bytes}),
+        row("POST a file, after a redirect", answers({moved(307, "/to"), said}), "complete",
+            {.method = post,
+             .set = with(TAV_HTTP_OPTION_UPLOAD_FILE, "upload.bin"),
+             .head = "POST /to HTTP/1.1\r\n",
+             .upload = bytes}),
+        row("POST a form", said, "complete",
+            {.method = post,
+             .set =
+                 [](transfer& one) {
+                     one.set(TAV_HTTP_OPTION_ADD_FORM_FIELD, "a b", "%s&%d", "x=y", 7);
+                     one.set(TAV_HTTP_OPTION_ADD_FORM_FIELD, "b", "x");
+                 },
+             .head = "Content-Type: application/x-www-form-urlencoded; charset=UTF-8\r\n",
+             .upload = "a%20b=x%3Dy%267&b=x"}),
+        row("POST a multipart form", said, "complete",
+            {.method = post,
+             .set = set_multipart,
+             .head = "Content-Type: multipart/form-data; boundary=tav",
+             .upload = field + "value\r\n" + form_file("file", "upload.bin", bytes) +
+                       form_file("none", "unnamed", "") +
+                       form_file("data", "d.bin", bytes_of("a\0b")) + "--@--\r\n"}),
     };
 }
 
-std::vector<transfer_row> make_connections() {
+std::vector<row> make_connections() {
     const std::string through = response(200, "through", keep), x = response(200, "x");
     const script twice = reply_with(through) + reply_with(through);
     const transfer::action kept = [](transfer& one) { one.keep_alive(); };
-    std::vector<transfer_row> rows = {
-        {"redirect",
-         answers({moved(302, "../to?x", std::string(50000, 'r')), response(200, "to")}),
-         "to",
-         {.head = "GET /to?x HTTP/1.1\r\n"}},
-        {"no redirect", moved(302, "/to", ""), "", {.set = with(TAV_HTTP_OPTION_NO_REDIRECT, 1u)}},
-        {"redirects for ever",
-         moved(301, "/again"),
-         "",
-         {.code = "TOO_MANY_REDIRECT", .connections = 12}},
-        {"kept connection", {twice}, "through", {.sessions = 2}},
-        {"cookies",
-         response(200, "x", "Set-Cookie: c=1; path=/\r\n"),
-         "x",
-         {.head = "Cookie: c=1;\r\n", .sessions = 2, .connections = 2}},
-        {"kept connection that the server ended",
-         {reply_and_close(x)},
-         "x",
-         {.set = kept, .sessions = 2, .connections = 2}},
-        {"kept connection that breaks",
-         {reply_with(x) + script{expect_request(), reset()}, reply_with(x)},
-         "x",
-         {.set = kept, .sessions = 2}},
+    std::vector<row> rows = {
+        row("redirect",
+            answers({moved(302, "../to?x", std::string(50000, 'r')), response(200, "to")}), "to",
+            {.head = "GET /to?x HTTP/1.1\r\n"}),
+        row("no redirect", moved(302, "/to", ""), "",
+            {.set = with(TAV_HTTP_OPTION_NO_REDIRECT, 1u)}),
+        row("redirects for ever", moved(301, "/again"), "",
+            {.code = "TOO_MANY_REDIRECT", .connections = 12}),
+        row("kept connection", {twice}, "through", {.sessions = 2}),
+        row("cookies", response(200, "x", "Set-Cookie: c=1; path=/\r\n"), "x",
+            {.head = "Cookie: c=1;\r\n", .sessions = 2, .connections = 2}),
+        row("kept connection that the server ended", {reply_and_close(x)}, "x",
+            {.set = kept, .sessions = 2, .connections = 2}),
+        row("kept connection that breaks",
+            {reply_with(x) + script{expect_request(), reset()}, reply_with(x)}, "x",
+            {.set = kept, .sessions = 2}),
     };
     for (way by : {way::http_proxy, way::socks5, way::by_default, way::tls12, way::tls13,
                    way::http_proxy_tls, way::socks5_tls}) {
         if (TAV_HTTP_WITH_TLS != 0 || !is_tls(by)) {
             rows.push_back(
-                {"way " + std::to_string(static_cast<int>(by)),
-                 {twice},
-                 "through",
-                 {.through = by, .head = "GET /dir/name.ext?q=1 HTTP/1.1\r\n", .sessions = 2}});
+                row("way " + std::to_string(static_cast<int>(by)), {twice}, "through",
+                    {.through = by, .head = "GET /dir/name.ext?q=1 HTTP/1.1\r\n", .sessions = 2}));
         }
     }
     if (TAV_HTTP_WITH_TLS != 0) {
-        rows.push_back({"certificate of another name",
-                        std::vector<script>{{}},
-                        "",
-                        {.code = "0x4000a",
-                         .set = with(TAV_HTTP_OPTION_TLS_HOST_NAME, "other.test"),
-                         .through = way::tls13}});
-        rows.push_back(
-            {"certificate of the name",
-             chunked_response(200, sample_bytes(90000), 7000),
-             sample_bytes(90000),
-             {.set = with(TAV_HTTP_OPTION_TLS_HOST_NAME, "Server.Test"), .through = way::tls12}});
+        rows.push_back(row("certificate of another name", std::vector<script>{{}}, "",
+                           {.code = "0x4000a",
+                            .set = with(TAV_HTTP_OPTION_TLS_HOST_NAME, "other.test"),
+                            .through = way::tls13}));
+        rows.push_back(row(
+            "certificate of the name", chunked_response(200, sample_bytes(90000), 7000),
+            sample_bytes(90000),
+            {.set = with(TAV_HTTP_OPTION_TLS_HOST_NAME, "Server.Test"), .through = way::tls12}));
     }
     return rows;
 }
