@@ -45,8 +45,10 @@ enum {
     HUNG_LOOKUPS_MS = 200
 };
 
+// Before the poll as well as behind it: the poll must not go to sleep over the lookups.
 static void _on_grace_over(uv_timer_t* timer) {
     *(bool*)timer->data = true;
+    uv_stop(timer->loop);
 }
 
 // Only lookups that hang are left behind.
