@@ -4,12 +4,14 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <future>
 #include <string>
 #include <vector>
 
 #include "tavhttpclient/connectionpool.h"
 #include "tavhttpclient/cookiemgr.h"
-#include "tests/support/on_loop.h"
+#include "tavhttpclient/loop.h"
 
 namespace {
 
@@ -35,6 +37,26 @@ void cookie_lookup(benchmark::State& state) {
     uninit_cookie_store();
 }
 BENCHMARK(cookie_lookup)->ArgName("hosts")->Arg(1)->Arg(100)->Arg(10000);
+
+struct loop_errand {
+    std::function<void()> action;
+    std::promise<void> done;
+};
+
+void run_errand(void* argument) {
+    auto* errand = static_cast<loop_errand*>(argument);
+    errand->action();
+    errand->done.set_value();
+}
+
+// Runs the action on the loop thread and waits for its end.
+void on_loop(std::function<void()> action) {
+    loop_errand errand{std::move(action), {}};
+    std::future<void> done = errand.done.get_future();
+    if (async_run_safe(run_errand, &errand)) {
+        done.wait();
+    }
+}
 
 http_connection* idle_connection(std::int64_t number) {
     auto* conn = static_cast<http_connection*>(std::calloc(1, sizeof(http_connection)));
