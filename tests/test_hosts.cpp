@@ -199,7 +199,7 @@ TEST(TimeOut, ACancelBehindItIsACancel) {
     peer server(reply_with(response(200, "x")));
     for (bool cancels : {false, true}) {
         transfer get(server.url());
-        get.set(TAV_HTTP_OPTION_SESSION_TIMEOUT, 50);
+        get.set(TAV_HTTP_OPTION_SESSION_TIMEOUT, 500);
         std::size_t before = log.count("_on_session_timeout, id=");
         get.at("header", [&](transfer& self) {
             EXPECT_TRUE(log.wait_for_line("_on_session_timeout, id=", before + 1));

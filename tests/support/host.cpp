@@ -407,15 +407,10 @@ work_dir::~work_dir() {
 }
 
 std::string work_dir::names() const {
-    std::set<std::string> sorted;
-    for (const auto& entry : fs::recursive_directory_iterator(path_)) {
-        if (!entry.is_directory()) {
-            sorted.insert(entry.path().lexically_relative(path_).generic_string());
-        }
-    }
     std::string names;
-    for (const std::string& name : sorted) {
-        names += (names.empty() ? "" : " ") + name;
+    for (const std::string& file : list_files(path_)) {
+        names += names.empty() ? "" : " ";
+        names += fs::path(file).lexically_relative(path_).generic_string();
     }
     return names;
 }

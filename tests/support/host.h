@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,6 +32,9 @@ struct resources {
     long blocks = 0;  // of memory, allocated by the library
 };
 resources count_resources();
+
+// The paths of the files below a folder.
+std::set<std::string> list_files(const std::string& folder);
 
 // The bytes of a literal, zeros included.
 template <std::size_t size> std::string bytes_of(const char (&literal)[size]) {

@@ -1,4 +1,6 @@
-// What main.cpp of the tests' support counts, on Windows: the process's handles.
+// What the tests' support asks the system for, on Windows: the process's handles, a folder's files.
+#include <filesystem>
+
 #include "support/host.h"
 
 resources count_resources() {
@@ -7,4 +9,14 @@ resources count_resources() {
     GetProcessHandleCount(GetCurrentProcess(), &handles);
     now.descriptors = handles;
     return now;
+}
+
+std::set<std::string> list_files(const std::string& folder) {
+    std::set<std::string> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+        if (!entry.is_directory()) {
+            files.insert(entry.path().string());
+        }
+    }
+    return files;
 }
