@@ -274,7 +274,7 @@ TEST(Soak, EverythingAtOnce) {
     EXPECT_GT(*std::min_element(resident.begin(), resident.begin() + third + 1) + 16384,
               *std::min_element(resident.end() - third - 1, resident.end()));
 #endif
-    std::filesystem::remove_all("chosen");  // parts of cancelled ones may stay there
+    remove_folder("chosen");  // parts of cancelled ones may stay there
     std::filesystem::remove("upload.bin");
     EXPECT_EQ("", dir.names()) << "left behind";
 }

@@ -129,6 +129,13 @@ std::set<std::string> list_files(const std::string& folder) {
     return files;
 }
 
+void remove_folder(const std::string& folder) {
+    auto remove_entry = [](const char* path, const struct stat*, int, FTW*) {
+        return remove(path);
+    };
+    nftw(folder.c_str(), remove_entry, 8, FTW_DEPTH | FTW_PHYS);
+}
+
 void* new_block(std::size_t size) {
     return counted(calloc(1, size));
 }

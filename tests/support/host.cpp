@@ -403,7 +403,7 @@ work_dir::work_dir() : previous_(fs::current_path().string()) {
 work_dir::~work_dir() {
     std::error_code ignored;
     fs::current_path(previous_, ignored);
-    fs::remove_all(path_, ignored);
+    remove_folder(path_);
 }
 
 std::string work_dir::names() const {

@@ -35,6 +35,7 @@ resources count_resources();
 
 // The paths of the files below a folder.
 std::set<std::string> list_files(const std::string& folder);
+void remove_folder(const std::string& folder);
 
 // The bytes of a literal, zeros included.
 template <std::size_t size> std::string bytes_of(const char (&literal)[size]) {

@@ -20,3 +20,8 @@ std::set<std::string> list_files(const std::string& folder) {
     }
     return files;
 }
+
+void remove_folder(const std::string& folder) {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+}
