@@ -158,7 +158,8 @@ bool http_connection_has_unread(http_connection* conn) {
 
 int32_t http_connection_take_waiting(const http_connection* conn, char* buffer, int32_t size) {
     SOCKET descriptor;
-    return _find_waiting(conn, &descriptor) ? (int32_t)recv(descriptor, buffer, size, 0) : 0;
+    return _find_waiting(conn, &descriptor) ? (int32_t)recv(descriptor, buffer, (uint32_t)size, 0)
+                                            : 0;
 }
 
 // ---------------------------------------------------------------------------------------- TLS
