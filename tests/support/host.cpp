@@ -20,7 +20,7 @@ std::string code_name(std::uint32_t code) {
     switch (code) {
 #define CASE(name, value)                                                                          \
     case value:                                                                                    \
-        return #name + prefix;
+        return &(#name)[prefix];
         TAV_HTTP_ERROR_CODE_MAP(CASE)
 #undef CASE
     default:
